@@ -1,0 +1,46 @@
+# Thin wrapper over the one CMake build.
+#   make         configure and build into build/
+#   make test    build and run every test (C++ and Python, every interpreter found)
+#   make asan    the same suites under AddressSanitizer + UndefinedBehaviorSanitizer
+#   make bench   build and run the benchmarks
+#   make demo    start the simulator and run the quick start against it
+#   make clean
+CMAKE   ?= cmake
+JOBS    ?= $(shell nproc 2>/dev/null || echo 2)
+CONFIG  ?=
+WERROR  := $(if $(CI),-DTQ_WERROR=ON,)
+
+.PHONY: all build test asan bench demo clean
+
+all: build
+
+build/CMakeCache.txt:
+	$(CMAKE) -S . -B build $(WERROR) $(CONFIG)
+
+build: build/CMakeCache.txt
+	$(CMAKE) --build build -j $(JOBS)
+
+test: build
+	cd build && ctest --output-on-failure -j $(JOBS)
+
+build-asan/CMakeCache.txt:
+	$(CMAKE) -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DTQ_SANITIZE=ON $(WERROR) $(CONFIG)
+
+asan: build-asan/CMakeCache.txt
+	$(CMAKE) --build build-asan -j $(JOBS)
+	cd build-asan && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
+	  UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+	  ctest --output-on-failure -j $(JOBS)
+
+build-bench/CMakeCache.txt:
+	$(CMAKE) -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DTQ_BUILD_BENCH=ON -DTQ_BUILD_TESTS=OFF -DTQ_BUILD_PYTHON=OFF $(CONFIG)
+
+bench: build-bench/CMakeCache.txt
+	$(CMAKE) --build build-bench -j $(JOBS)
+	bash bench/run
+
+demo: build
+	bash examples/demo.sh
+
+clean:
+	rm -rf build build-asan build-bench
