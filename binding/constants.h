@@ -1,0 +1,523 @@
+// The integer constants of the TQDBv17_1 module.
+//
+// Module initialisation walks this table front to back and sets one module
+// attribute per row, so the row order is the order in which scripts see the
+// attributes appear. Every value is the number that travels on the wire (or
+// the bit that a wire field carries); scripts compare the replies' integers
+// with them directly, so a constant is a plain int and never an enum object.
+//
+// The table starts with the rule types, then follows the families roughly in
+// the order of the protocol: envelope and locks, log levels, ruleset objects
+// and their items, shaping objects, rules and conditions, statistics,
+// diagnostics, file service, channels, configuration, system overview and
+// triggers.
+#ifndef TQ_BINDING_CONSTANTS_H
+#define TQ_BINDING_CONSTANTS_H
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <iterator>
+#include <string_view>
+
+struct tq_py_constant {
+  const char *name;
+  long long value;  // wide enough for the bit 31 fields (2147483648)
+};
+
+inline constexpr tq_py_constant tq_py_constants[] = {
+    // Rule types, as passed to the rule attribute requests.
+    {"RULESET_RULE_TYPE_FILTER", 0},
+    {"RULESET_RULE_TYPE_SHAPING", 1},
+    {"RULESET_RULE_TYPE_STATISTICS", 2},
+
+    // Message types of a received envelope (TQMessage.get_type). Types 8
+    // (opaque notice), 9 (restarting) and 10 (reloading) deliberately have no
+    // constant.
+    {"MSG_TYPE_AUTH", 0},
+    {"MSG_TYPE_BCAST_COMMIT", 1},
+    {"MSG_TYPE_OK", 2},
+    {"MSG_TYPE_ERROR", 3},
+    {"MSG_TYPE_CRITICAL", 4},
+    {"MSG_TYPE_LOCK", 5},
+    {"MSG_TYPE_DATA", 6},
+    {"MSG_TYPE_VERSION", 7},
+    {"MSG_TYPE_DETACHED", 11},
+
+    // Lockable resources of a transaction. LEVELS and SYSDIAG are the same
+    // resource on the appliance, so both names carry 7; 14 to 19, 21 and 22
+    // are not resources a client may lock.
+    {"RESOURCE_RULESET", 1},
+    {"RESOURCE_CHANNELS", 2},
+    {"RESOURCE_USERS", 3},
+    {"RESOURCE_CONFIG", 4},
+    {"RESOURCE_STATREADER", 5},
+    {"RESOURCE_CONNLOG", 6},
+    {"RESOURCE_LEVELS", 7},
+    {"RESOURCE_SYSDIAG", 7},
+    {"RESOURCE_BACKUPS", 8},
+    {"RESOURCE_LOGS", 9},
+    {"RESOURCE_FILESERV", 10},
+    {"RESOURCE_RESOURCE", 11},
+    {"RESOURCE_HOSTTRIGGER", 12},
+    {"RESOURCE_SYSTEM_OVERVIEW", 13},
+    {"RESOURCE_CONNPROT_TRIGGER", 20},
+    {"RESOURCE_DYNAMICLIVEVIEW", 23},
+
+    // Log levels, wherever a script passes a level. The scripting names start
+    // at EMERGENCY = 1 and there is no ALERT, whereas the logger's own table
+    // numbers "Emergency" 0 and "Alert" 1. A script's level is passed on
+    // unchanged, so these numbers stay as they are; do not "fix" them.
+    {"EMERGENCY", 1},
+    {"CRITICAL", 2},
+    {"ERROR", 3},
+    {"WARNING", 4},
+    {"NOTICE", 5},
+    {"INFO", 6},
+    {"DEBUG", 7},
+    {"VERBOSE", 8},
+
+    // Object types: the first byte of every object request and the head of
+    // every object item.
+    {"OBJECT_TYPE_NETOBJECT", 0},
+    {"OBJECT_TYPE_PORTOBJECT", 1},
+    {"OBJECT_TYPE_SERVICEOBJECT", 2},
+    {"OBJECT_TYPE_VLANOBJECT", 3},
+    {"OBJECT_TYPE_PROTOCOLOBJECT", 4},
+    {"OBJECT_TYPE_TIMEOBJECT", 5},
+    {"OBJECT_TYPE_BGPOBJECT", 6},
+    {"OBJECT_TYPE_SYSTEMOBJECT", 7},
+    {"OBJECT_TYPE_PROPERTYOBJECT", 8},
+    {"OBJECT_TYPE_REWRITEOBJECT", 9},
+    {"OBJECT_TYPE_FLAGOBJECT", 10},
+    {"OBJECT_TYPE_MPLSOBJECT", 11},
+    {"OBJECT_TYPE_DSCPOBJECT", 12},
+    {"OBJECT_TYPE_CHANNELOBJECT", 13},
+    {"OBJECT_TYPE_TUNNELLVLOBJECT", 14},
+    {"OBJECT_TYPE_TUNNELTYPEOBJECT", 15},
+    {"OBJECT_TYPE_SORVIKOBJECT", 16},
+    {"OBJECT_TYPE_ENRICHOBJECT", 17},
+    {"OBJECT_TYPE_SESSIONCONTEXTOBJECT", 18},
+
+    // Object item fields: the kind of a net, port, VLAN, MPLS, DSCP and
+    // channel object item.
+    {"NETOBJECT_ITEM_TYPE_IPV4_ADDRESS", 1},
+    {"NETOBJECT_ITEM_TYPE_IPV4_NETWORK", 2},
+    {"NETOBJECT_ITEM_TYPE_IPV4_RANGE", 3},
+    {"NETOBJECT_ITEM_TYPE_IPV6_ADDRESS", 4},
+    {"NETOBJECT_ITEM_TYPE_IPV6_NETWORK", 5},
+    {"NETOBJECT_ITEM_TYPE_IPV6_RANGE", 6},
+    {"PORTOBJECT_ITEM_TYPE_PORT", 1},
+    {"PORTOBJECT_ITEM_TYPE_RANGE", 2},
+    {"VLANOBJECT_ITEM_TYPE_VLAN", 1},
+    {"VLANOBJECT_ITEM_TYPE_RANGE", 2},
+    {"MPLSOBJECT_ITEM_TYPE_LABEL", 1},
+    {"MPLSOBJECT_ITEM_TYPE_RANGE", 2},
+    {"DSCPOBJECT_ITEM_TYPE_DSCP", 1},
+    {"DSCPOBJECT_ITEM_TYPE_RANGE", 2},
+    {"CHANNELOBJECT_ITEM_TYPE_CHANNEL", 1},
+
+    // Time object items: the kind, and the day bits of `days` (127 = every
+    // day).
+    {"TIMEOBJECT_ITEM_TYPE_DAYTIME", 1},
+    {"TIMEOBJECT_ITEM_TYPE_DATERANGE", 2},
+    {"TIMEOBJECT_DAYMASK_MON", 1},
+    {"TIMEOBJECT_DAYMASK_TUE", 2},
+    {"TIMEOBJECT_DAYMASK_WED", 4},
+    {"TIMEOBJECT_DAYMASK_THU", 8},
+    {"TIMEOBJECT_DAYMASK_FRI", 16},
+    {"TIMEOBJECT_DAYMASK_SAT", 32},
+    {"TIMEOBJECT_DAYMASK_SUN", 64},
+
+    // BGP object items.
+    {"BGPOBJECT_ITEM_TYPE_ASPATHPOS", 0},
+    {"BGPOBJECT_ITEM_TYPE_ASREGEXP", 1},
+    {"BGPOBJECT_ITEM_TYPE_COMMUNITY", 2},
+
+    // Rewrite object items: the rewritten field and the direction.
+    {"REWRITEOBJECT_FIELD_DESTIP", 1},
+    {"REWRITEOBJECT_FIELD_DESTMAC", 2},
+    {"REWRITEOBJECT_FIELD_DSCP", 3},
+    {"REWRITEOBJECT_FIELD_SRCIP", 4},
+    {"REWRITEOBJECT_FIELD_VLANP", 5},
+    {"REWRITEOBJECT_FIELD_POOLID", 6},
+    {"REWRITEOBJECT_DIRECTION_BOTH", 0},
+    {"REWRITEOBJECT_DIRECTION_INBOUND", 1},
+    {"REWRITEOBJECT_DIRECTION_OUTBOUND", 2},
+
+    // Tunnel type object items.
+    {"TUNNEL_TYPE_INVALID", 0},
+    {"TUNNEL_TYPE_GTP", 1},
+    {"TUNNEL_TYPE_ESP", 2},
+    {"TUNNEL_TYPE_TEREDO", 3},
+    {"TUNNEL_TYPE_GRE", 4},
+    {"TUNNEL_TYPE_L2TP", 5},
+    {"TUNNEL_TYPE_NULL", 6},
+
+    // Enrich object items.
+    {"ENRICHOBJECT_KEYTYPE_NETOBJECT_SUBSCRIBER", 0},
+    {"ENRICHOBJECT_KEYTYPE_FIXED_STRING", 1},
+    {"ENRICHOBJECT_KEYTYPE_FILENAME", 2},
+    {"ENRICHOBJECT_VALUETYPE_NETOBJECT_SUBSCRIBER", 0},
+    {"ENRICHOBJECT_VALUETYPE_FIXED_STRING", 1},
+    {"ENRICHOBJECT_SPOOF_OVERWRITE", 0},
+    {"ENRICHOBJECT_SPOOF_REMOVE", 1},
+    {"ENRICHOBJECT_MISS_IGNORE", 0},
+    {"ENRICHOBJECT_MISS_USE_DEFAULT", 1},
+
+    // Session context object items.
+    {"SESSIONCONTEXT_MATCHTYPE_EQUAL", 0},
+
+    // Shaping objects: how traffic is split into separately limited parts.
+    {"SHAPINGOBJECT_SPLIT_NONE", 0},
+    {"SHAPINGOBJECT_SPLIT_LOCALHOST", 1},
+    {"SHAPINGOBJECT_SPLIT_HOST_NETOBJECT", 2},
+    {"SHAPINGOBJECT_SPLIT_SERVER_NETOBJECT", 3},
+    {"SHAPINGOBJECT_SPLIT_CLIENT_NETOBJECT", 4},
+    {"SHAPINGOBJECT_SPLIT_CONNECTION", 5},
+    {"SHAPINGOBJECT_SPLIT_LOCAL_NETOBJECT", 6},
+    {"SHAPINGOBJECT_SPLIT_SUBSCRIBER", 7},
+    {"SHAPINGOBJECT_SPLIT_LOCALNETWORKPREFIX", 8},
+    {"SHAPINGOBJECT_SPLIT_SESSIONCONTEXTOBJECT", 9},
+
+    // Firewall rule actions.
+    {"FWRULE_ACTION_ACCEPT", 1},
+    {"FWRULE_ACTION_REJECT", 2},
+    {"FWRULE_ACTION_DROP", 3},
+    {"FWRULE_ACTION_REWRITE", 4},
+    {"FWRULE_ACTION_DIVERT", 5},
+    {"FWRULE_ACTION_INJECT", 6},
+    {"FWRULE_ACTION_ENRICH", 7},
+
+    // Rule conditions: the operator joining the items, the role in which an
+    // item names its object, and the comparison of an item.
+    {"RULECONDITION_AND", 0},
+    {"RULECONDITION_OR", 1},
+    {"RULECONDITION_NOT", 2},
+    {"RULESET_CONDITION_TYPE_NETOBJECT_CLIENT", 0},
+    {"RULESET_CONDITION_TYPE_NETOBJECT_SERVER", 1},
+    {"RULESET_CONDITION_TYPE_NETOBJECT_HOST", 2},
+    {"RULESET_CONDITION_TYPE_PORTOBJECT_CLIENT", 3},
+    {"RULESET_CONDITION_TYPE_PORTOBJECT_SERVER", 4},
+    {"RULESET_CONDITION_TYPE_SERVICEOBJECT", 5},
+    {"RULESET_CONDITION_TYPE_VLANOBJECT", 6},
+    {"RULESET_CONDITION_TYPE_PROTOCOLOBJECT", 7},
+    {"RULESET_CONDITION_TYPE_TIMEOBJECT", 8},
+    {"RULESET_CONDITION_TYPE_BGPOBJECT", 9},
+    {"RULESET_CONDITION_TYPE_PROPERTYOBJECT", 10},
+    {"RULESET_CONDITION_TYPE_SYSTEMOBJECT", 11},
+    {"RULESET_CONDITION_TYPE_FLAGOBJECT", 12},
+    {"RULESET_CONDITION_TYPE_MPLSOBJECT", 13},
+    {"RULESET_CONDITION_TYPE_NETOBJECT_LOCAL", 14},
+    {"RULESET_CONDITION_TYPE_VLANOBJECT_OUT", 15},
+    {"RULESET_CONDITION_TYPE_MPLSOBJECT_OUT", 16},
+    {"RULESET_CONDITION_TYPE_DSCPOBJECT_IN", 17},
+    {"RULESET_CONDITION_TYPE_DSCPOBJECT_OUT", 18},
+    {"RULESET_CONDITION_TYPE_CHANNELOBJECT_IN", 19},
+    {"RULESET_CONDITION_TYPE_CHANNELOBJECT_OUT", 20},
+    {"RULESET_CONDITION_TYPE_VLANOBJECT_IN", 21},
+    {"RULESET_CONDITION_TYPE_MPLSOBJECT_IN", 22},
+    {"RULESET_CONDITION_TYPE_CHANNELOBJECT", 23},
+    {"RULESET_CONDITION_TYPE_DSCPOBJECT", 24},
+    {"RULESET_CONDITION_TYPE_SERVICEOBJECT_BASE", 25},
+    {"RULESET_CONDITION_TYPE_TUNNELLVLOBJECT", 26},
+    {"RULESET_CONDITION_TYPE_TUNNELTYPEOBJECT", 27},
+    {"RULESET_CONDITION_TYPE_SORVIKOBJECT", 28},
+    {"RULESET_CONDITION_TYPE_RULECONDITION", 29},
+    {"RULESET_CONDITION_TYPE_SESSIONCONTEXTOBJECT", 30},
+    {"RULESET_CONDITION_OP_EQ", 0},
+    {"RULESET_CONDITION_OP_NE", 1},
+
+    // Statistics tree: node flags (bits of a node's u64 flags).
+    {"STATISTICS_FLAG_VALID", 1},
+    {"STATISTICS_FLAG_EXPANDABLE", 2},
+    {"STATISTICS_FLAG_REMOTETQDB", 4},
+    {"STATISTICS_FLAG_GRAPHS", 8},
+    {"STATISTICS_FLAG_PEAKS", 16},
+    {"STATISTICS_FLAG_ISPEAK", 32},
+    {"STATISTICS_FLAG_SYMLINK", 64},
+    {"STATISTICS_FLAG_REMOTELINK", 128},
+    {"STATISTICS_FLAG_IS_SUBSCRIBER", 256},
+    {"STATISTICS_FLAG_HAS_SUBSCRIBERS", 512},
+
+    // Statistics graph modes.
+    {"STATISTICS_GRAPH_MODE_SIZE", 1},
+    {"STATISTICS_GRAPH_MODE_SPEED", 2},
+
+    // Statistics graph fields: bits of a graph request's reply mask. The
+    // four quality drop and retransmission fields sit above bit 31 and are
+    // published as 0 on purpose, so a script cannot select them by name.
+    {"STATISTICS_GRAPHFIELD_QUALITY_DROPS_IN", 0},
+    {"STATISTICS_GRAPHFIELD_QUALITY_DROPS_OUT", 0},
+    {"STATISTICS_GRAPHFIELD_QUALITY_RETRANSMISSIONS_IN", 0},
+    {"STATISTICS_GRAPHFIELD_QUALITY_RETRANSMISSIONS_OUT", 0},
+    {"STATISTICS_GRAPHFIELD_BPS_IN", 1},
+    {"STATISTICS_GRAPHFIELD_BPS_OUT", 2},
+    {"STATISTICS_GRAPHFIELD_CPS", 4},
+    {"STATISTICS_GRAPHFIELD_UCPS", 8},
+    {"STATISTICS_GRAPHFIELD_CPS_IN", 16},
+    {"STATISTICS_GRAPHFIELD_CPS_OUT", 32},
+    {"STATISTICS_GRAPHFIELD_UCPS_IN", 64},
+    {"STATISTICS_GRAPHFIELD_UCPS_OUT", 128},
+    {"STATISTICS_GRAPHFIELD_CURCONNS_IN", 256},
+    {"STATISTICS_GRAPHFIELD_CURCONNS_OUT", 512},
+    {"STATISTICS_GRAPHFIELD_QUALITY_IN", 1024},
+    {"STATISTICS_GRAPHFIELD_QUALITY_OUT", 2048},
+    {"STATISTICS_GRAPHFIELD_SUBITEMS", 4096},
+    {"STATISTICS_GRAPHFIELD_BPS_TOTAL", 8192},
+    {"STATISTICS_GRAPHFIELD_PKTDROPS_IN", 16384},
+    {"STATISTICS_GRAPHFIELD_PKTDROPS_OUT", 32768},
+    {"STATISTICS_GRAPHFIELD_AVG_LATENCY_IN", 65536},
+    {"STATISTICS_GRAPHFIELD_AVG_LATENCY_OUT", 131072},
+    {"STATISTICS_GRAPHFIELD_QUALITY_IN_INT", 262144},
+    {"STATISTICS_GRAPHFIELD_QUALITY_OUT_INT", 524288},
+    {"STATISTICS_GRAPHFIELD_QUALITY_IN_EXT", 1048576},
+    {"STATISTICS_GRAPHFIELD_QUALITY_OUT_EXT", 2097152},
+    {"STATISTICS_GRAPHFIELD_QUALITY_PKTS_IN", 4194304},
+    {"STATISTICS_GRAPHFIELD_QUALITY_PKTS_OUT", 8388608},
+    {"STATISTICS_GRAPHFIELD_LINK_UTILIZATION_IN", 16777216},
+    {"STATISTICS_GRAPHFIELD_LINK_UTILIZATION_OUT", 33554432},
+    {"STATISTICS_GRAPHFIELD_RTT_IN", 67108864},
+    {"STATISTICS_GRAPHFIELD_RTT_OUT", 134217728},
+    {"STATISTICS_GRAPHFIELD_PACKETS_IN", 268435456},
+    {"STATISTICS_GRAPHFIELD_PACKETS_OUT", 536870912},
+    {"STATISTICS_GRAPHFIELD_SHAPING_BYTEDROPS_IN", 1073741824},
+    {"STATISTICS_GRAPHFIELD_SHAPING_BYTEDROPS_OUT", 2147483648LL},
+
+    // Statistics total fields: bits of a list request's reply mask; the two
+    // retransmission fields are published as 0 for the same reason.
+    {"STATISTICS_TOTALFIELD_QUALITY_RETRANSMISSIONS_IN", 0},
+    {"STATISTICS_TOTALFIELD_QUALITY_RETRANSMISSIONS_OUT", 0},
+    {"STATISTICS_TOTALFIELD_BYTES_IN", 1},
+    {"STATISTICS_TOTALFIELD_BYTES_OUT", 2},
+    {"STATISTICS_TOTALFIELD_CONNS", 4},
+    {"STATISTICS_TOTALFIELD_UCONNS", 8},
+    {"STATISTICS_TOTALFIELD_CONNS_IN", 16},
+    {"STATISTICS_TOTALFIELD_CONNS_OUT", 32},
+    {"STATISTICS_TOTALFIELD_UCONNS_IN", 64},
+    {"STATISTICS_TOTALFIELD_UCONNS_OUT", 128},
+    {"STATISTICS_TOTALFIELD_QUALITY_IN", 256},
+    {"STATISTICS_TOTALFIELD_QUALITY_OUT", 512},
+    {"STATISTICS_TOTALFIELD_BYTES_TOTAL", 1024},
+    {"STATISTICS_TOTALFIELD_CURCONNS_IN", 2048},
+    {"STATISTICS_TOTALFIELD_CURCONNS_OUT", 4096},
+    {"STATISTICS_TOTALFIELD_PKTDROPS_IN", 8192},
+    {"STATISTICS_TOTALFIELD_PKTDROPS_OUT", 16384},
+    {"STATISTICS_TOTALFIELD_AVG_LATENCY_IN", 32768},
+    {"STATISTICS_TOTALFIELD_AVG_LATENCY_OUT", 65536},
+    {"STATISTICS_TOTALFIELD_SUBITEMS", 131072},
+    {"STATISTICS_TOTALFIELD_QUALITY_IN_INT", 262144},
+    {"STATISTICS_TOTALFIELD_QUALITY_OUT_INT", 524288},
+    {"STATISTICS_TOTALFIELD_QUALITY_IN_EXT", 1048576},
+    {"STATISTICS_TOTALFIELD_QUALITY_OUT_EXT", 2097152},
+    {"STATISTICS_TOTALFIELD_QUALITY_PKTS_IN", 4194304},
+    {"STATISTICS_TOTALFIELD_QUALITY_PKTS_OUT", 8388608},
+    {"STATISTICS_TOTALFIELD_RTT_IN", 16777216},
+    {"STATISTICS_TOTALFIELD_RTT_OUT", 33554432},
+    {"STATISTICS_TOTALFIELD_PACKETS_IN", 67108864},
+    {"STATISTICS_TOTALFIELD_PACKETS_OUT", 134217728},
+    {"STATISTICS_TOTALFIELD_SHAPING_BYTEDROPS_IN", 268435456},
+    {"STATISTICS_TOTALFIELD_SHAPING_BYTEDROPS_OUT", 536870912},
+    {"STATISTICS_TOTALFIELD_QUALITY_DROPS_IN", 1073741824},
+    {"STATISTICS_TOTALFIELD_QUALITY_DROPS_OUT", 2147483648LL},
+
+    // Statistics tree: value types of the nodes (the u16 of every addressed
+    // statistics request).
+    {"STATISTICS_VALUETYPE_ROOT", 0},
+    {"STATISTICS_VALUETYPE_AGGREGATION", 256},
+    {"STATISTICS_VALUETYPE_TRAFFICSTATS", 512},
+    {"STATISTICS_VALUETYPE_NETOBJECT", 513},
+    {"STATISTICS_VALUETYPE_HOST", 514},
+    {"STATISTICS_VALUETYPE_LOCALVHOST", 515},
+    {"STATISTICS_VALUETYPE_REMOTEVHOST", 516},
+    {"STATISTICS_VALUETYPE_SERVOBJECT", 517},
+    {"STATISTICS_VALUETYPE_SERVICE", 518},
+    {"STATISTICS_VALUETYPE_INTASPATH", 519},
+    {"STATISTICS_VALUETYPE_EXTASPATH", 520},
+    {"STATISTICS_VALUETYPE_INVLAN", 521},
+    {"STATISTICS_VALUETYPE_XFBFLAG", 522},
+    {"STATISTICS_VALUETYPE_IPPROTOCOL", 523},
+    {"STATISTICS_VALUETYPE_REMOTEHOST", 524},
+    {"STATISTICS_VALUETYPE_LINK", 525},
+    {"STATISTICS_VALUETYPE_OUTVLAN", 526},
+    {"STATISTICS_VALUETYPE_INDSCP", 527},
+    {"STATISTICS_VALUETYPE_OUTDSCP", 528},
+    {"STATISTICS_VALUETYPE_INCHAN", 529},
+    {"STATISTICS_VALUETYPE_OUTCHAN", 530},
+    {"STATISTICS_VALUETYPE_INMPLS", 531},
+    {"STATISTICS_VALUETYPE_OUTMPLS", 532},
+    {"STATISTICS_VALUETYPE_CHANNELSTATS_ROOT", 533},
+    {"STATISTICS_VALUETYPE_CHANNELSTATS_CHANNEL", 534},
+    {"STATISTICS_VALUETYPE_BASESERVICE", 535},
+    {"STATISTICS_VALUETYPE_ORIGINAS", 536},
+    {"STATISTICS_VALUETYPE_PROPERTY", 537},
+    {"STATISTICS_VALUETYPE_INTBGPCOMM", 538},
+    {"STATISTICS_VALUETYPE_EXTBGPCOMM", 539},
+    {"STATISTICS_VALUETYPE_TTL", 540},
+    {"STATISTICS_VALUETYPE_SORVIK", 541},
+    {"STATISTICS_VALUETYPE_ZONESTATS", 768},
+    {"STATISTICS_VALUETYPE_CHANNELSTATS", 1024},
+    {"STATISTICS_VALUETYPE_NAT_ROOT", 1281},
+    {"STATISTICS_VALUETYPE_NAT_HOST", 1282},
+    {"STATISTICS_VALUETYPE_NAT_POOL", 1283},
+
+    // Channel statistics fields, for graphs and for totals.
+    {"CHANNELSTATS_GFIELDS_RX_PACKETS", 1},
+    {"CHANNELSTATS_GFIELDS_TX_PACKETS", 2},
+    {"CHANNELSTATS_GFIELDS_RX_SPEED", 4},
+    {"CHANNELSTATS_GFIELDS_TX_SPEED", 8},
+    {"CHANNELSTATS_GFIELDS_RX_ERRORS", 16},
+    {"CHANNELSTATS_GFIELDS_TX_ERRORS", 32},
+    {"CHANNELSTATS_GFIELDS_RX_DROPS", 64},
+    {"CHANNELSTATS_GFIELDS_TX_DROPS", 128},
+    {"CHANNELSTATS_TFIELDS_RX_PACKETS", 1},
+    {"CHANNELSTATS_TFIELDS_TX_PACKETS", 2},
+    {"CHANNELSTATS_TFIELDS_RX_SPEED", 4},
+    {"CHANNELSTATS_TFIELDS_TX_SPEED", 8},
+    {"CHANNELSTATS_TFIELDS_RX_ERRORS", 16},
+    {"CHANNELSTATS_TFIELDS_TX_ERRORS", 32},
+    {"CHANNELSTATS_TFIELDS_RX_DROPS", 64},
+    {"CHANNELSTATS_TFIELDS_TX_DROPS", 128},
+
+    // System diagnostics: log severities, zone flags and zone value types.
+    {"SYSDIAG_LOG_SEVERITY_INFO", 0},
+    {"SYSDIAG_LOG_SEVERITY_WARNING", 1},
+    {"SYSDIAG_LOG_SEVERITY_CRITICAL", 2},
+    {"SYSDIAG_ZONE_FLAGS_DEBUG_ONLY", 1},
+    {"SYSDIAG_ZONE_FLAGS_SINGLE_INSTANCE", 2},
+    {"SYSDIAG_ZONE_FLAGS_HIDDEN", 4},
+    {"SYSDIAG_ZONE_TYPE_MOMENT", 0},
+    {"SYSDIAG_ZONE_TYPE_SIZE", 1},
+    {"SYSDIAG_ZONE_TYPE_SPEED", 2},
+    {"SYSDIAG_ZONE_TYPE_TIMESPAN", 3},
+    {"SYSDIAG_ZONE_TYPE_PERCENT", 4},
+    {"SYSDIAG_ZONE_TYPE_TIME", 5},
+    {"SYSDIAG_ZONE_TYPE_BITMASK", 6},
+    {"SYSDIAG_ZONE_TYPE_MEMORY", 7},
+    {"SYSDIAG_ZONE_TYPE_ENUM", 8},
+    {"SYSDIAG_ZONE_TYPE_UNFORMATTED", 9},
+
+    // File service: the typed file areas.
+    {"FILESERV_ID_HOSTTRIGGER", 0},
+    {"FILESERV_ID_FWTRIGGER", 1},
+    {"FILESERV_ID_DHCP_SNOOPER", 2},
+    {"FILESERV_ID_RADIUS_SNOOPER", 3},
+    {"FILESERV_ID_SIP_SNOOPER", 4},
+    {"FILESERV_ID_CUSTOM_SNOOPER", 5},
+    {"FILESERV_ID_SNMP_MIB", 6},
+    {"FILESERV_ID_DOCUMENTATION", 7},
+    {"FILESERV_ID_PCAP_1", 8},
+    {"FILESERV_ID_PCAP_2", 9},
+    {"FILESERV_ID_FIRMWARE_UPLOAD", 10},
+
+    // Channels: capability bits, direction, media of one side, role, type.
+    {"CHANNEL_CAPS_AUTONEG", 1},
+    {"CHANNEL_CAPS_10HD", 2},
+    {"CHANNEL_CAPS_10FD", 4},
+    {"CHANNEL_CAPS_100HD", 8},
+    {"CHANNEL_CAPS_100FD", 16},
+    {"CHANNEL_CAPS_1000FD", 32},
+    {"CHANNEL_CAPS_10000FD", 64},
+    {"CHANNEL_CAPS_40000FD", 128},
+    {"CHANNEL_CAPS_100000FD", 256},
+    {"CHANNEL_CAPS_TRAFFIC", 65536},
+    {"CHANNEL_CAPS_DIVERT", 131072},
+    {"CHANNEL_CAPS_MONITOR", 262144},
+    {"CHANNEL_CAPS_FLOWSYNC", 524288},
+    {"CHANNEL_CAPS_LINK_TOGGLE", 1048576},
+    {"CHANNEL_DIRECTION_DEFAULT", 0},
+    {"CHANNEL_DIRECTION_REVERSE", 1},
+    {"CHANNEL_DIRECTION_INTERNAL", 2},
+    {"CHANNEL_DIRECTION_EXTERNAL", 3},
+    {"CHANNEL_MEDIA_AUTO", 0},
+    {"CHANNEL_MEDIA_10HD", 1},
+    {"CHANNEL_MEDIA_10FD", 2},
+    {"CHANNEL_MEDIA_100HD", 3},
+    {"CHANNEL_MEDIA_100FD", 4},
+    {"CHANNEL_MEDIA_1000FD", 5},
+    {"CHANNEL_MEDIA_10000FD", 6},
+    {"CHANNEL_MEDIA_40000FD", 7},
+    {"CHANNEL_MEDIA_100000FD", 8},
+    {"CHANNEL_ROLE_NONE", 0},
+    {"CHANNEL_ROLE_TRAFFIC", 1},
+    {"CHANNEL_ROLE_DIVERT", 2},
+    {"CHANNEL_ROLE_MONITOR", 3},
+    {"CHANNEL_ROLE_FLOWSYNC", 4},
+    {"CHANNEL_TYPE_ENGINE", 0},
+    {"CHANNEL_TYPE_EXT", 1},
+    {"CHANNEL_TYPE_PARTIAL", 2},
+    {"CHANNEL_TYPE_EXT_DEBUG", 3},
+
+    // Configuration value types.
+    {"CONFIG_TYPE_STRING", 1},
+    {"CONFIG_TYPE_INTEGER", 2},
+    {"CONFIG_TYPE_IPADDRESS", 3},
+    {"CONFIG_TYPE_FLOAT", 4},
+    {"CONFIG_TYPE_BOOLEAN", 5},
+    {"CONFIG_TYPE_INVISIBLE", 128},
+
+    // Feature bits of the appliance's u64 feature set.
+    {"FEATURES_BGP", 1},
+    {"FEATURES_FW", 2},
+    {"FEATURES_SHAPING", 4},
+    {"FEATURES_STATISTICS", 8},
+    {"FEATURES_CONNLOG", 16},
+    {"FEATURES_ENTERPRISE", 32},
+    {"FEATURES_MONITOR", 64},
+    {"FEATURES_ATS", 128},
+    {"FEATURES_VBS", 256},
+    {"FEATURES_SORVIK", 512},
+    {"FEATURES_SYMANTEC", 1024},
+    {"FEATURES_CGNAT", 2048},
+
+    // System overview: template types and flags, value types of a template
+    // and the kind of a graph value. Several names share a number because
+    // they belong to different fields.
+    {"SYSTEM_OVERVIEW_TEMPLATE_TYPE_SYSDIAG", 0},
+    {"SYSTEM_OVERVIEW_TYPE_STRING", 0},
+    {"SYSTEM_OVERVIEW_VTYPE_TOTAL", 0},
+    {"SYSTEM_OVERVIEW_FLAGS_SUMMARY", 1},
+    {"SYSTEM_OVERVIEW_TEMPLATE_TYPE_CHANNEL", 1},
+    {"SYSTEM_OVERVIEW_TYPE_INT", 1},
+    {"SYSTEM_OVERVIEW_VTYPE_RATE", 1},
+    {"SYSTEM_OVERVIEW_TYPE_RATE", 2},
+    {"SYSTEM_OVERVIEW_VTYPE_MAX", 2},
+    {"SYSTEM_OVERVIEW_TYPE_BANDWIDTH", 3},
+    {"SYSTEM_OVERVIEW_TYPE_TRANSFER", 4},
+    {"SYSTEM_OVERVIEW_TYPE_DURATION", 5},
+    {"SYSTEM_OVERVIEW_TYPE_TIMESTAMP", 6},
+    {"SYSTEM_OVERVIEW_TYPE_BITMASK", 7},
+    {"SYSTEM_OVERVIEW_TYPE_INT_K", 8},
+
+    // Host triggers: what a trigger watches.
+    {"HOSTTRIGGER_TRIGTYPE_HOST", 0},
+    {"HOSTTRIGGER_TRIGTYPE_HOST_IN_NETOBJECT", 1},
+    {"HOSTTRIGGER_TRIGTYPE_NETOBJECT", 2},
+    {"HOSTTRIGGER_TRIGTYPE_NETOBJECT_CHILD", 3},
+};
+
+inline constexpr std::size_t tq_py_constant_count = std::size(tq_py_constants);
+
+// Scripts and tools count on exactly this set; a row added or lost here is a
+// change of the module's interface.
+static_assert(tq_py_constant_count == 396, "the module publishes 396 constants");
+
+namespace tq_py_constants_detail {
+
+// A duplicate row would silently set the same attribute twice, the second
+// value winning. Sorting a copy keeps the check linear-logarithmic, well
+// inside any compiler's constant-evaluation budget.
+consteval bool names_unique() {
+  std::array<std::string_view, tq_py_constant_count> names{};
+  for (std::size_t i = 0; i < tq_py_constant_count; ++i) {
+    names[i] = tq_py_constants[i].name;
+  }
+  std::sort(names.begin(), names.end());
+  return std::adjacent_find(names.begin(), names.end()) == names.end();
+}
+
+}  // namespace tq_py_constants_detail
+
+static_assert(tq_py_constants_detail::names_unique(), "a constant name appears twice");
+
+#endif  // TQ_BINDING_CONSTANTS_H
