@@ -35,8 +35,9 @@ struct tq_hashtable_iterator_t {
   tq_hashtable_entry_t *entry;
 };
 
-// MurmurHash3 x86_32 of a 32-bit block with seed 0.
+// MurmurHash3 x86_32 (blocks read little-endian).
 uint32_t tq_murmur3_32(const void *key, int len, uint32_t seed);
+// MurmurHash3 x86_32, seed 0, of the key's low 32 bits as one 4-byte block.
 uint32_t tq_hashtable_default_hash(uint64_t key);
 
 // hash nullptr: default hash of the key's low 32 bits; equal nullptr: ==.
@@ -50,6 +51,9 @@ bool tq_hashtable_lookup(tq_hashtable_t *t, uint64_t key, uint64_t *key_out,
 void tq_hashtable_remove(tq_hashtable_t *t, uint64_t key);  // absent key is fatal
 bool tq_hashtable_remove_nonfatal(tq_hashtable_t *t, uint64_t key);
 uint32_t tq_hashtable_count(const tq_hashtable_t *t);
+// Walks bucket by bucket, each chain in the order its keys were set. The
+// entry just returned may be removed; setting new keys during a walk may or
+// may not show them.
 void tq_hashtable_iterator_init(tq_hashtable_iterator_t *it, tq_hashtable_t *t);
 bool tq_hashtable_iterator_next(tq_hashtable_iterator_t *it, uint64_t *key, uint64_t *value);
 

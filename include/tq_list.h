@@ -24,15 +24,18 @@ static_assert(sizeof(tq_list_t) == 32, "list nodes are 32-byte cache items");
 // A node with tag and data; inserted in front of `before` when given (taking
 // over before's previous link). nullptr when the cache is empty.
 tq_list_t *tq_list_new(uint32_t tag, tq_list_t *before, void *data);
-// Gives back every node from list along the next links.
+// Gives back every node from list along the next links; a predecessor of
+// list is cut off (its next becomes nullptr). Giving back a node twice is
+// fatal while the node still carries the poison.
 void tq_list_free(tq_list_t *list);
 // First releases each node's data with tq_free_flags, then the nodes.
 void tq_list_free_with_data(tq_list_t *list);
 // Same data pointers, tags 0, same order.
 tq_list_t *tq_list_copy(const tq_list_t *list);
 
-// Convenience for decoders that keep wire order: appends data behind the
-// last node of list (nullptr starts a list) and returns the head.
+// Convenience for decoders that keep wire order: appends data (tag 0)
+// behind the last node of list (nullptr starts a list) and returns the head.
+// tq_list_reverse turns a list around and returns its new head.
 tq_list_t *tq_list_append(tq_list_t *list, void *data);
 tq_list_t *tq_list_last(tq_list_t *list);
 tq_list_t *tq_list_reverse(tq_list_t *list);
