@@ -145,6 +145,23 @@ tq_msg_t *tqdb_api_request_new(tqdb_api_handle_t *h, uint32_t code, uint32_t ses
 // of every request function.
 uint32_t tqdb_api_request_finish(tqdb_api_handle_t *h, tq_msg_t *req, uint32_t cid);
 
+// One request in one expression: header, the fields that put_body appends,
+// then the shared tail. Returns the correlation id, 0 on failure.
+//   return tqdb_api_request(h, TQDB_REQ_RESOURCE_STEAL, session,
+//                           [&](tq_msg_t *m) { tq_msg_put_uint32(m, resid); });
+template <class Body>
+uint32_t tqdb_api_request(tqdb_api_handle_t *h, uint32_t code, uint32_t session, Body &&put_body) {
+  uint32_t cid = 0;
+  tq_msg_t *req = tqdb_api_request_new(h, code, session, &cid);
+  if (req == nullptr) return 0;
+  put_body(req);
+  return tqdb_api_request_finish(h, req, cid);
+}
+// A request that is the header alone.
+inline uint32_t tqdb_api_request(tqdb_api_handle_t *h, uint32_t code, uint32_t session) {
+  return tqdb_api_request(h, code, session, [](tq_msg_t *) {});
+}
+
 // --- version, authentication, sessions (api/auth) -----------------------------------------
 struct tqdb_api_version_t {
   unsigned major;
