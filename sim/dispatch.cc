@@ -1,0 +1,97 @@
+#include "dispatch.h"
+
+#include <utility>
+
+#include "tq_log.h"
+#include "tq_msg.h"
+#include "util.h"
+
+namespace tqsim {
+
+bool Body::fail(std::string why) {
+  if (fault_.empty()) fault_ = std::move(why);
+  return false;
+}
+
+bool Body::u8(uint8_t &v) {
+  return fault_.empty() && tq_msg_get_uint8(msg_, &v) ? true : fail("body too short");
+}
+
+bool Body::u32(uint32_t &v) {
+  return fault_.empty() && tq_msg_get_uint32(msg_, &v) ? true : fail("body too short");
+}
+
+bool Body::u64(uint64_t &v) {
+  return fault_.empty() && tq_msg_get_uint64(msg_, &v) ? true : fail("body too short");
+}
+
+bool Body::text(std::string &out, bool *null) {
+  out.clear();
+  if (null) *null = false;
+  uint32_t n = 0;
+  if (!fault_.empty() || !tq_msg_get_uint32(msg_, &n)) return fail("body too short");
+  if (n == 0) {
+    if (null) *null = true;
+    return true;
+  }
+  if (n > tq_msg_avail_bytes(msg_)) return fail("body too short");
+  const auto *bytes = reinterpret_cast<const char *>(msg_->data + msg_->rpos);
+  if (bytes[n - 1] != '\0') return fail("string not terminated");
+  out.assign(bytes, n - 1);
+  return tq_msg_skip(msg_, n) ? true : fail("body too short");
+}
+
+bool Body::end() {
+  if (!fault_.empty()) return false;
+  const uint32_t left = tq_msg_avail_bytes(msg_);
+  if (left == 0) return true;
+  return fail(format("%u unexpected bytes after the body", left));
+}
+
+void Call::ok() { reply(reply_ok(session, cid)); }
+void Call::error(std::string_view text) { reply(reply_error(session, cid, text)); }
+void Call::lock(std::string_view text) { reply(reply_lock(session, cid, text)); }
+
+void Call::malformed() {
+  error(format("Malformed request 0x%x: %s", code,
+               in.fault().empty() ? "bad body" : in.fault().c_str()));
+}
+
+ResourceData *Call::edit(Resource &r) {
+  if (r.holder != 0 && (sess == nullptr || r.holder != sess->id)) {
+    lock(lock_text(store, r));
+    return nullptr;
+  }
+  return &r.data;
+}
+
+std::string resource_label(const Resource &r) {
+  return format("%u (%s)", r.id, r.name.c_str());
+}
+
+std::string lock_text(const Store &store, const Resource &r) {
+  return "Resource " + resource_label(r) + " is locked by " + store.holder_name(r);
+}
+
+namespace {
+
+using Family = std::span<const Route> (*)();
+constexpr Family kFamilies[] = {family_core, family_resource};
+
+}  // namespace
+
+Dispatch::Dispatch() {
+  for (Family family : kFamilies) {
+    for (const Route &r : family()) {
+      const bool fresh = routes_.emplace(r.code, &r).second;
+      TQ_BUG_ON(!fresh, "request code 0x%x routed twice", r.code);
+    }
+  }
+}
+
+const Route *Dispatch::find(uint32_t code) const {
+  auto it = routes_.find(code);
+  return it == routes_.end() ? nullptr : it->second;
+}
+
+}  // namespace tqsim

@@ -1,0 +1,136 @@
+// How a request reaches its handler.
+//
+// Each family of requests lives in one source file (family_<name>.cc) and
+// contributes a table of routes: request code, name, whether the request
+// carries the session/correlation header, what the caller must have done
+// before (logged in, opened the session named in the header) and the
+// handler. The server checks the header and the access rule and answers the
+// failures itself, so a handler only reads its body and acts:
+//
+//   void begin(Call &c) {
+//     uint32_t id; uint8_t flag;
+//     if (!c.in.u32(id) || !c.in.u8(flag) || !c.in.end()) return c.malformed();
+//     ...
+//   }
+//
+// A new family adds its file, declares its table below and adds it to
+// kFamilies in dispatch.cc.
+#ifndef TQSIM_DISPATCH_H
+#define TQSIM_DISPATCH_H
+
+#include <cstdint>
+#include <span>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+
+#include "reply.h"
+#include "store.h"
+
+struct tq_msg_t;
+
+namespace tqsim {
+
+struct Options;
+
+// Reads a request body field by field. The first failure is remembered as
+// the reason the body is malformed; reads after a failure fail too.
+class Body {
+ public:
+  explicit Body(tq_msg_t *msg) : msg_(msg) {}
+
+  [[nodiscard]] bool u8(uint8_t &v);
+  [[nodiscard]] bool u32(uint32_t &v);
+  [[nodiscard]] bool u64(uint64_t &v);
+  // A message string; a null string (count 0) reads as empty with *null set.
+  [[nodiscard]] bool text(std::string &out, bool *null = nullptr);
+  // True when the whole body has been read.
+  [[nodiscard]] bool end();
+
+  const std::string &fault() const { return fault_; }
+
+ private:
+  bool fail(std::string why);
+  tq_msg_t *msg_;
+  std::string fault_;
+};
+
+// What a connection has proven about itself.
+struct Login {
+  bool accepted = false;
+  std::string user;
+  uint32_t user_number = 0;
+};
+
+// The server side that handlers reach through a call.
+class Hub {
+ public:
+  virtual ~Hub() = default;
+  // Queues m on a connection / on the connection of a session; a message
+  // for a connection or session that is gone is dropped.
+  virtual void send_to_conn(uint32_t conn, Msg m) = 0;
+  virtual void send_to_session(uint32_t session, Msg m) = 0;
+  virtual const Options &options() const = 0;
+  virtual uint64_t now() const = 0;  // seconds since 1970
+};
+
+// One request being handled.
+struct Call {
+  Hub &hub;
+  Store &store;
+  uint32_t conn;
+  Login &login;
+  uint32_t code;
+  uint32_t session;  // header words, 0 where the request has none
+  uint32_t cid;
+  Session *sess;     // the session of the header, for routes that need one
+  Body in;
+
+  void reply(Msg m) { hub.send_to_conn(conn, std::move(m)); }
+  void ok();
+  void error(std::string_view text);
+  void lock(std::string_view text);
+  // "Malformed request 0x10201: body too short"
+  void malformed();
+  Msg data() const { return reply_data(session, cid); }
+  // The live contents of r for a change by this call's session; when
+  // another session holds r, answers LOCK and returns null.
+  ResourceData *edit(Resource &r);
+};
+
+enum class Header { kNone, kSessionCid };
+enum class Access { kAnyone, kLoggedIn, kSession };
+
+using Handler = void (*)(Call &);
+
+struct Route {
+  uint32_t code;
+  const char *name;
+  Header header;
+  Access access;
+  Handler handler;
+};
+
+std::span<const Route> family_core();
+std::span<const Route> family_resource();
+
+// What every connection receives once its handshake is done: the version
+// word and the texts "tqdbsim" and "17.1.0" (the word decoded).
+Msg version_announcement(const Options &opts);
+
+class Dispatch {
+ public:
+  Dispatch();  // every family's routes; a code routed twice is a bug
+  const Route *find(uint32_t code) const;
+
+ private:
+  std::unordered_map<uint32_t, const Route *> routes_;
+};
+
+// Texts shared by the families.
+std::string lock_text(const Store &store, const Resource &r);
+std::string resource_label(const Resource &r);  // "1 (ruleset)"
+
+}  // namespace tqsim
+
+#endif

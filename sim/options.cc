@@ -1,0 +1,109 @@
+#include "options.h"
+
+#include <charconv>
+#include <string_view>
+
+namespace tqsim {
+namespace {
+
+template <class T>
+bool parse_number(std::string_view text, T max, T &out) {
+  int base = 10;
+  if (text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X')) {
+    base = 16;
+    text.remove_prefix(2);
+  }
+  unsigned long long v = 0;
+  auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), v, base);
+  if (text.empty() || ec != std::errc{} || end != text.data() + text.size() || v > max)
+    return false;
+  out = static_cast<T>(v);
+  return true;
+}
+
+}  // namespace
+
+const char *usage_text() {
+  return "usage: tqdbsim [--host ADDR] [--port N] [--user NAME:PASSWORD]... [--version WORD] "
+         "[--verbose]\n"
+         "  --host ADDR           address to listen on (default 127.0.0.1)\n"
+         "  --port N              TCP port (default 17100; 0 picks a free one)\n"
+         "  --user NAME:PASSWORD  an account that may log in; repeat for more\n"
+         "                        (default admin:admin when none is given)\n"
+         "  --version WORD        protocol version word announced to clients\n"
+         "                        (default 0x6080, 17.1.0)\n"
+         "  --verbose             log connections and requests on stderr\n"
+         "Prints \"tqdbsim listening on HOST:PORT\" once ready; stops on SIGINT or SIGTERM.\n";
+}
+
+ParseResult parse_options(int argc, char **argv, Options &opts, std::string &why) {
+  for (int i = 1; i < argc; ++i) {
+    std::string_view arg = argv[i];
+    std::string_view value;
+    bool has_value = false;
+    if (auto eq = arg.find('='); arg.starts_with("--") && eq != std::string_view::npos) {
+      value = arg.substr(eq + 1);
+      arg = arg.substr(0, eq);
+      has_value = true;
+    }
+    auto take_value = [&]() -> bool {
+      if (has_value) return true;
+      if (i + 1 >= argc) return false;
+      value = argv[++i];
+      return true;
+    };
+
+    if (arg == "--help" || arg == "-h") return ParseResult::kHelp;
+    if (arg == "--verbose" || arg == "-v") {
+      if (has_value) {
+        why = "--verbose takes no value";
+        return ParseResult::kBad;
+      }
+      opts.verbose = true;
+      continue;
+    }
+    if (arg != "--host" && arg != "--port" && arg != "--user" && arg != "--version") {
+      why = "unknown argument '" + std::string(arg) + "'";
+      return ParseResult::kBad;
+    }
+    if (!take_value()) {
+      why = std::string(arg) + " needs a value";
+      return ParseResult::kBad;
+    }
+    if (arg == "--host") {
+      if (value.empty()) {
+        why = "--host needs an address";
+        return ParseResult::kBad;
+      }
+      opts.host = value;
+    } else if (arg == "--port") {
+      if (!parse_number<uint16_t>(value, 65535, opts.port)) {
+        why = "bad port '" + std::string(value) + "'";
+        return ParseResult::kBad;
+      }
+    } else if (arg == "--version") {
+      if (!parse_number<uint32_t>(value, 0xFFFFFFFFu, opts.version)) {
+        why = "bad version word '" + std::string(value) + "'";
+        return ParseResult::kBad;
+      }
+    } else {
+      const auto colon = value.find(':');
+      if (colon == std::string_view::npos || colon == 0) {
+        why = "--user wants NAME:PASSWORD, got '" + std::string(value) + "'";
+        return ParseResult::kBad;
+      }
+      User u{std::string(value.substr(0, colon)), std::string(value.substr(colon + 1))};
+      for (const User &known : opts.users) {
+        if (known.name == u.name) {
+          why = "user '" + u.name + "' given twice";
+          return ParseResult::kBad;
+        }
+      }
+      opts.users.push_back(std::move(u));
+    }
+  }
+  if (opts.users.empty()) opts.users.push_back(User{"admin", "admin"});
+  return ParseResult::kRun;
+}
+
+}  // namespace tqsim

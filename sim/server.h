@@ -1,0 +1,64 @@
+// The simulator's server: one listening socket and every client connection
+// on a single non-blocking poll(2) loop.
+//
+// Each round polls the stop descriptor, the listener and every connection;
+// accepts what is waiting; advances handshakes; reads, cuts frames and
+// dispatches each request in arrival order; flushes what the replies
+// queued; then closes the connections that failed during the round, which
+// ends their sessions (open transactions rolled back, locks released).
+// A broken connection never stops the loop.
+#ifndef TQSIM_SERVER_H
+#define TQSIM_SERVER_H
+
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "conn.h"
+#include "dispatch.h"
+#include "options.h"
+#include "store.h"
+#include "util.h"
+
+namespace tqsim {
+
+class Server final : public Hub {
+ public:
+  explicit Server(Options opts);
+  ~Server() override;
+
+  // Binds and listens; false (with why) when the address cannot be used.
+  [[nodiscard]] bool listen(std::string &why);
+  uint16_t port() const { return port_; }
+  // Serves until stop_fd becomes readable; false when poll itself failed.
+  bool run(int stop_fd);
+
+  void send_to_conn(uint32_t conn, Msg m) override;
+  void send_to_session(uint32_t session, Msg m) override;
+  const Options &options() const override { return opts_; }
+  uint64_t now() const override;
+
+ private:
+  void accept_all();
+  void service(Conn &c, short revents);
+  void serve_frames(Conn &c);
+  void handle(Conn &c, tq_msg_t &m);
+  void doom(Conn &c, std::string reason);
+  void reap();
+  void log(const char *fmt, ...) const __attribute__((format(printf, 2, 3)));
+
+  Options opts_;
+  UniqueFd listener_;
+  uint16_t port_ = 0;
+  Store store_;
+  Dispatch dispatch_;
+  std::map<uint32_t, std::unique_ptr<Conn>> conns_;
+  uint32_t next_conn_ = 1;
+  Conn::Clock::time_point accept_paused_until_{};
+};
+
+}  // namespace tqsim
+
+#endif

@@ -1,0 +1,262 @@
+#include "support/sim_process.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <thread>
+
+#include "support/responder.h"
+#include "tq_ringbuf.h"
+#include "tqdb_api.h"
+
+namespace tqtest {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+int ms_left(Clock::time_point deadline) {
+  const auto left =
+      std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+  return left > 0 ? static_cast<int>(left) : 0;
+}
+
+// fork + exec of the simulator; the child's stdout and (when err_fd is
+// given) stderr go to the pipes' write ends.
+pid_t spawn(const std::vector<std::string> &args, int out_fd, int err_fd) {
+  const std::string bin = sim_binary();
+  if (bin.empty()) return -1;
+  std::vector<char *> argv;
+  argv.push_back(const_cast<char *>(bin.c_str()));
+  for (const std::string &a : args) argv.push_back(const_cast<char *>(a.c_str()));
+  argv.push_back(nullptr);
+  const pid_t pid = fork();
+  if (pid == 0) {
+    dup2(out_fd, STDOUT_FILENO);
+    if (err_fd >= 0) dup2(err_fd, STDERR_FILENO);
+    execv(bin.c_str(), argv.data());
+    _exit(127);
+  }
+  return pid;
+}
+
+// Waits for pid to exit until the deadline: its exit code, -1 when it died
+// of a signal, nullopt when it is still running.
+std::optional<int> reap(pid_t pid, Clock::time_point deadline) {
+  for (;;) {
+    int status = 0;
+    const pid_t r = waitpid(pid, &status, WNOHANG);
+    if (r == pid) return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    if (r < 0) return -1;
+    if (Clock::now() >= deadline) return std::nullopt;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+}
+
+void drain(int fd, std::string &into) {
+  char buf[4096];
+  for (;;) {
+    const ssize_t n = read(fd, buf, sizeof buf);
+    if (n <= 0) return;
+    into.append(buf, static_cast<size_t>(n));
+  }
+}
+
+}  // namespace
+
+std::string sim_binary() {
+  const char *bin = std::getenv("TQDBSIM");
+  return bin ? bin : "";
+}
+
+// --- SimProcess ----------------------------------------------------------------------------
+
+SimProcess::~SimProcess() {
+  if (pid_ > 0) stop(2000);
+}
+
+bool SimProcess::start(const std::vector<std::string> &args, int timeout_ms) {
+  int out[2];
+  if (pipe2(out, O_CLOEXEC) != 0) return false;
+  std::vector<std::string> all = args;
+  all.insert(all.end(), {"--port", "0"});
+  pid_ = spawn(all, out[1], -1);
+  ::close(out[1]);
+  if (pid_ < 0) {
+    ::close(out[0]);
+    return false;
+  }
+  const auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
+  std::string text;
+  while (text.find('\n') == std::string::npos) {
+    pollfd p{out[0], POLLIN, 0};
+    if (poll(&p, 1, ms_left(deadline)) <= 0) break;
+    char buf[256];
+    const ssize_t n = read(out[0], buf, sizeof buf);
+    if (n <= 0) break;
+    text.append(buf, static_cast<size_t>(n));
+  }
+  ::close(out[0]);
+  const auto nl = text.find('\n');
+  const auto colon = text.rfind(':', nl);
+  if (nl == std::string::npos || colon == std::string::npos) return false;
+  line_ = text.substr(0, nl);
+  port_ = static_cast<uint16_t>(std::atoi(line_.c_str() + colon + 1));
+  return port_ != 0;
+}
+
+bool SimProcess::alive() {
+  if (pid_ <= 0) return false;
+  int status = 0;
+  if (waitpid(pid_, &status, WNOHANG) == 0) return true;
+  pid_ = -1;
+  return false;
+}
+
+int SimProcess::stop(int timeout_ms) {
+  if (pid_ <= 0) return -1;
+  kill(pid_, SIGTERM);
+  auto code = reap(pid_, Clock::now() + std::chrono::milliseconds(timeout_ms));
+  if (!code) {
+    kill(pid_, SIGKILL);
+    waitpid(pid_, nullptr, 0);
+  }
+  pid_ = -1;
+  return code.value_or(-1);
+}
+
+SimRun run_sim(const std::vector<std::string> &args, int timeout_ms) {
+  SimRun run;
+  int out[2], err[2];
+  if (pipe2(out, O_CLOEXEC | O_NONBLOCK) != 0) return run;
+  if (pipe2(err, O_CLOEXEC | O_NONBLOCK) != 0) {
+    ::close(out[0]);
+    ::close(out[1]);
+    return run;
+  }
+  const pid_t pid = spawn(args, out[1], err[1]);
+  ::close(out[1]);
+  ::close(err[1]);
+  if (pid > 0) {
+    const auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
+    std::optional<int> code;
+    while (!(code = reap(pid, Clock::now()))) {
+      drain(out[0], run.out);
+      drain(err[0], run.err);
+      if (Clock::now() >= deadline) {
+        kill(pid, SIGKILL);
+        waitpid(pid, nullptr, 0);
+        code = -1;
+        break;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    run.exit_code = *code;
+    drain(out[0], run.out);
+    drain(err[0], run.err);
+  }
+  ::close(out[0]);
+  ::close(err[0]);
+  return run;
+}
+
+// --- plain sockets ----------------------------------------------------------------------------
+
+int connect_loopback(uint16_t port, int timeout_ms) {
+  signal(SIGPIPE, SIG_IGN);
+  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+  if (fd < 0) return -1;
+  const int one = 1;
+  setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_port = htons(port);
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  if (::connect(fd, reinterpret_cast<sockaddr *>(&a), sizeof a) != 0) {
+    pollfd p{fd, POLLOUT, 0};
+    int soerr = 0;
+    socklen_t len = sizeof soerr;
+    if (errno != EINPROGRESS || poll(&p, 1, timeout_ms) != 1 ||
+        getsockopt(fd, SOL_SOCKET, SO_ERROR, &soerr, &len) != 0 || soerr != 0) {
+      ::close(fd);
+      return -1;
+    }
+  }
+  return fd;
+}
+
+bool wait_closed(int fd, int timeout_ms) {
+  const auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
+  for (;;) {
+    char buf[4096];
+    const ssize_t n = recv(fd, buf, sizeof buf, 0);
+    if (n == 0 || (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK)) return true;
+    if (n > 0) continue;
+    pollfd p{fd, POLLIN, 0};
+    if (poll(&p, 1, ms_left(deadline)) <= 0) return false;
+  }
+}
+
+// --- SimClient -------------------------------------------------------------------------------
+
+SimClient::~SimClient() { close(); }
+
+bool SimClient::connect(uint16_t port, int timeout_ms) {
+  if (client_pubkey() == nullptr) return false;
+  fd_ = connect_loopback(port, timeout_ms);
+  if (fd_ < 0) return false;
+  vindel_sock_init_initiator(&sock_, fd_, client_pubkey(), client_privkey());
+  sock_ready_ = true;
+  const auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
+  for (;;) {
+    pollfd p{fd_, 0, 0};
+    if (vindel_want_read(&sock_)) p.events |= POLLIN;
+    if (vindel_want_write(&sock_)) p.events |= POLLOUT;
+    if (poll(&p, 1, ms_left(deadline)) <= 0) return false;
+    const int r = vindel_handshake((p.revents & POLLIN) != 0, (p.revents & POLLOUT) != 0, &sock_);
+    if (r < 0) return false;
+    if (r == 1) break;
+  }
+  h_.reset(tqdb_api_handle_new());
+  if (!h_) return false;
+  tqdb_api_handle_set_io(h_.get(), &sock_);
+  return true;
+}
+
+bool SimClient::queue_frame(uint32_t code, std::span<const uint8_t> payload) {
+  const Bytes bytes = frame(code, payload);
+  return tq_ringbuf_write(h_->wbuf, bytes.data(), bytes.size()) == bytes.size();
+}
+
+bool SimClient::flush(int timeout_ms) { return tqtest::flush(h_.get(), fd_, timeout_ms); }
+
+EnvPtr SimClient::next(int timeout_ms) {
+  if (!flush(timeout_ms)) return nullptr;
+  return await_msg(h_.get(), fd_, timeout_ms);
+}
+
+void SimClient::close(bool reset) {
+  h_.reset();
+  if (sock_ready_) vindel_sock_free(&sock_);
+  sock_ready_ = false;
+  if (fd_ >= 0) {
+    if (reset) {
+      const linger hard{1, 0};
+      setsockopt(fd_, SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
+    }
+    ::close(fd_);
+  }
+  fd_ = -1;
+}
+
+}  // namespace tqtest
