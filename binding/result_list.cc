@@ -1,0 +1,373 @@
+#include "result_list.h"
+
+#include "tqdb_objects.h"
+
+#include <array>
+#include <cinttypes>
+#include <cstdio>
+#include <cstring>
+#include <utility>
+
+#include "tq_malloc.h"
+
+namespace tqpy {
+namespace {
+
+// --- record fields -------------------------------------------------------------------------
+
+template <class T>
+T load(const std::byte *p) {
+  T v;
+  std::memcpy(&v, p, sizeof v);
+  return v;
+}
+
+OwnedRef field_value(const Field &f, const std::byte *record) {
+  const std::byte *p = record + f.offset;
+  switch (f.kind) {
+    case FieldKind::Text:
+      return text_field(reinterpret_cast<const char *>(p), f.size);
+    case FieldKind::Flag:
+      return boolean(load<uint8_t>(p) != 0);
+    case FieldKind::U8:
+      return int_u64(load<uint8_t>(p));
+    case FieldKind::U16:
+      return int_u64(load<uint16_t>(p));
+    case FieldKind::I32:
+      return int_i64(load<int32_t>(p));
+    case FieldKind::U32:
+      return int_u64(load<uint32_t>(p));
+    case FieldKind::U64:
+      return int_u64(load<uint64_t>(p));
+    case FieldKind::IPv4:
+      return text(ipv4_text(load<uint32_t>(p)));
+    case FieldKind::IPv6: {
+      uint32_t words[4];
+      std::memcpy(words, p, sizeof words);
+      return text(ipv6_text(words));
+    }
+    case FieldKind::IntList:
+      return intlisttopython(load<const tq_list_t *>(p));
+  }
+  raise_text(PyExc_SystemError, "unknown field kind");
+}
+
+// --- convert_node of each kind of list ----------------------------------------------------
+
+OwnedRef convert_abstract(const ListClass &, const tq_list_t *) {
+  PyErr_SetNone(PyExc_NotImplementedError);
+  throw_python_error();
+}
+
+OwnedRef convert_text(const ListClass &, const tq_list_t *node) {
+  const char *s = static_cast<const char *>(node->data);
+  return text(s ? std::string_view(s) : std::string_view());
+}
+
+OwnedRef convert_int(const ListClass &, const tq_list_t *node) {
+  return int_i64(static_cast<long long>(reinterpret_cast<intptr_t>(node->data)));
+}
+
+// A dict with one key per field, in the order of the class's table.
+OwnedRef convert_record(const ListClass &cls, const tq_list_t *node) {
+  const auto *record = static_cast<const std::byte *>(node->data);
+  auto dict = OwnedRef::check(PyDict_New());
+  if (!record) return dict;
+  for (size_t i = 0; i < cls.fields.size(); ++i) {
+    OwnedRef value = field_value(cls.fields[i], record);
+    check_status(PyDict_SetItem(dict.get(), cls.keys[i], value.get()));
+  }
+  return dict;
+}
+
+void release_with_records(tq_list_t *list) { tq_list_free_with_data(list); }
+void release_nodes(tq_list_t *list) { tq_list_free(list); }
+
+// --- field tables ---------------------------------------------------------------------------------
+
+using Res = tqdb_api_resource_real_t;
+constexpr Field kResourceFields[] = {
+    TQ_FIELD(Res, id, U32, "id"),
+    TQ_FIELD(Res, name, Text, "name"),
+    TQ_FIELD(Res, proxyaddress, Text, "proxyaddress"),
+    TQ_FIELD(Res, proxyuser, Text, "proxyuser"),
+    TQ_FIELD(Res, proxypassword, Text, "proxypassword"),
+    TQ_FIELD(Res, proxy, Flag, "proxy"),
+    TQ_FIELD(Res, enterprise, Flag, "enterprise"),
+    TQ_FIELD(Res, locker, Text, "locker"),
+    TQ_FIELD(Res, last_query, Text, "last_query"),
+    TQ_FIELD(Res, avg_query_time, U32, "avg_query_time"),
+    TQ_FIELD(Res, queries, U64, "queries"),
+    TQ_FIELD(Res, status, Text, "status"),
+};
+
+// Record lists of the families whose decoders are not wired yet: their
+// classes exist and convert through convert_record; each family fills in
+// its field table.
+constexpr std::span<const Field> kNoFieldsYet{};
+
+ListClass record_list(ListId id, const char *name, std::span<const Field> fields) {
+  return ListClass{.id = id,
+                   .name = name,
+                   .doc = "A decoded list; convert(unused) gives a list of dicts.",
+                   .convert_node = convert_record,
+                   .release = release_with_records,
+                   .fields = fields};
+}
+
+// In ListId order.
+std::array<ListClass, 44> g_classes = {
+    record_list(ListId::TQResList, "TQResList", kResourceFields),
+    record_list(ListId::LevelList, "LevelList", kNoFieldsYet),
+    record_list(ListId::TQObjList, "TQObjList", kNoFieldsYet),
+    record_list(ListId::TQShapingObjList, "TQShapingObjList", kNoFieldsYet),
+    record_list(ListId::TQStatisticsObjList, "TQStatisticsObjList", kNoFieldsYet),
+    record_list(ListId::TQIpfixObjList, "TQIpfixObjList", kNoFieldsYet),
+    record_list(ListId::TQDynamicLiveViewList, "TQDynamicLiveViewList", kNoFieldsYet),
+    record_list(ListId::TQRuleConditionList, "TQRuleConditionList", kNoFieldsYet),
+    ListClass{.id = ListId::TQIntList,
+              .name = "TQIntList",
+              .doc = "TQIntList(values=()) -> a C list of integers; convert(unused) gives "
+                     "them back as a list of int.",
+              .convert_node = convert_int,
+              .release = release_nodes,
+              .fields = {}},
+    record_list(ListId::TQFwList, "TQFwList", kNoFieldsYet),
+    record_list(ListId::TQMonitorIfaceList, "TQMonitorIfaceList", kNoFieldsYet),
+    record_list(ListId::TQShapingList, "TQShapingList", kNoFieldsYet),
+    record_list(ListId::TQStatisticsList, "TQStatisticsList", kNoFieldsYet),
+    record_list(ListId::TQGraphList, "TQGraphList", kNoFieldsYet),
+    record_list(ListId::TQConnlogList, "TQConnlogList", kNoFieldsYet),
+    record_list(ListId::TQServicesList, "TQServicesList", kNoFieldsYet),
+    record_list(ListId::TQConfigList, "TQConfigList", kNoFieldsYet),
+    record_list(ListId::TQConfigCategoryList, "TQConfigCategoryList", kNoFieldsYet),
+    record_list(ListId::TQConfigFlagList, "TQConfigFlagList", kNoFieldsYet),
+    record_list(ListId::TQBackupList, "TQBackupList", kNoFieldsYet),
+    record_list(ListId::TQConnprotTriggerList, "TQConnprotTriggerList", kNoFieldsYet),
+    record_list(ListId::TQSystemOverviewSystemList, "TQSystemOverviewSystemList", kNoFieldsYet),
+    record_list(ListId::TQSystemOverviewTemplateList, "TQSystemOverviewTemplateList",
+                kNoFieldsYet),
+    record_list(ListId::TQSystemOverviewSystemGraph, "TQSystemOverviewSystemGraph", kNoFieldsYet),
+    record_list(ListId::TQLogFacilityList, "TQLogFacilityList", kNoFieldsYet),
+    record_list(ListId::TQChannelList, "TQChannelList", kNoFieldsYet),
+    record_list(ListId::TQChannelLabelList, "TQChannelLabelList", kNoFieldsYet),
+    record_list(ListId::TQStatreaderList, "TQStatreaderList", kNoFieldsYet),
+    record_list(ListId::TQSubscribercountList, "TQSubscribercountList", kNoFieldsYet),
+    record_list(ListId::TQSubscribercountGraph, "TQSubscribercountGraph", kNoFieldsYet),
+    record_list(ListId::TQStatreaderDurationList, "TQStatreaderDurationList", kNoFieldsYet),
+    record_list(ListId::TQSubitemcountList, "TQSubitemcountList", kNoFieldsYet),
+    record_list(ListId::TQStatreaderNamesList, "TQStatreaderNamesList", kNoFieldsYet),
+    ListClass{.id = ListId::ResultList,
+              .name = "ResultList",
+              .doc = "Base of the list classes: owns a decoded C list; convert(unused) turns "
+                     "it into a list of Python values.",
+              .convert_node = convert_abstract,
+              .release = release_with_records,
+              .fields = {}},
+    ListClass{.id = ListId::TQStringList,
+              .name = "TQStringList",
+              .doc = "A decoded list of strings; convert(unused) gives a list of str.",
+              .convert_node = convert_text,
+              .release = release_with_records,
+              .fields = {}},
+    record_list(ListId::TQFileservTypeList, "TQFileservTypeList", kNoFieldsYet),
+    record_list(ListId::TQFileservList, "TQFileservList", kNoFieldsYet),
+    record_list(ListId::TQUserList, "TQUserList", kNoFieldsYet),
+    record_list(ListId::TQUserPubkeyList, "TQUserPubkeyList", kNoFieldsYet),
+    record_list(ListId::TQHostTriggerList, "TQHostTriggerList", kNoFieldsYet),
+    record_list(ListId::TQSysDiagZoneList, "TQSysDiagZoneList", kNoFieldsYet),
+    record_list(ListId::TQSysDiagZoneValueList, "TQSysDiagZoneValueList", kNoFieldsYet),
+    record_list(ListId::TQSysDiagLogEntryList, "TQSysDiagLogEntryList", kNoFieldsYet),
+    record_list(ListId::TQSysDiagMallocUsageEntryList, "TQSysDiagMallocUsageEntryList",
+                kNoFieldsYet),
+};
+
+// The class whose operations objects of `type` use: type itself or the
+// nearest of its bases that is one of ours (scripts may subclass).
+const ListClass &class_of_type(PyTypeObject *type) {
+  for (PyTypeObject *t = type; t; t = t->tp_base)
+    for (const ListClass &c : g_classes)
+      if (&c.type == t) return c;
+  raise_text(PyExc_TypeError, "not a result list class");
+}
+
+// Builds a C list of the integers of an iterable, in order.
+tq_list_t *int_list_from(PyObject *iterable) {
+  auto seq = OwnedRef::check(PySequence_Fast(iterable, "TQIntList() takes an iterable of int"));
+  struct Nodes {
+    tq_list_t *head = nullptr;
+    ~Nodes() { tq_list_free(head); }
+  } nodes;
+  // Prepending from the back keeps the order and costs one step per value.
+  for (Py_ssize_t i = PySequence_Fast_GET_SIZE(seq.get()); i-- > 0;) {
+    const long long v = compat::int_as_ll(PySequence_Fast_GET_ITEM(seq.get(), i));
+    if (v == -1 && PyErr_Occurred()) throw_python_error();
+    if (v < INTPTR_MIN || v > INTPTR_MAX) raise_text(PyExc_OverflowError, "int too large");
+    tq_list_t *n = tq_list_new(0, nodes.head, reinterpret_cast<void *>(static_cast<intptr_t>(v)));
+    if (!n) throw std::bad_alloc();
+    nodes.head = n;
+  }
+  return std::exchange(nodes.head, nullptr);
+}
+
+OwnedRef result_list_new(PyTypeObject *type, PyObject *args, PyObject *kwds) {
+  const ListClass &cls = class_of_type(type);
+  tq_list_t *initial = nullptr;
+  if (&cls == &list_class(ListId::TQIntList)) {
+    static const char *const names[] = {"values", nullptr};
+    PyObject *a[1]{};
+    parse_args(args, kwds, cls.name, names, 0, a);
+    if (a[0] && a[0] != Py_None) initial = int_list_from(a[0]);
+  } else {
+    static const char *const names[] = {nullptr};
+    parse_args(args, kwds, cls.name, names, 0, {});
+  }
+  auto obj = OwnedRef::steal(type->tp_alloc(type, 0));
+  if (!obj) {
+    cls.release(initial);
+    throw_python_error();
+  }
+  as_result_list(obj.get())->cls = &cls;
+  as_result_list(obj.get())->list = initial;
+  return obj;
+}
+
+void result_list_dealloc(PyObject *self) {
+  ResultListObject *l = as_result_list(self);
+  if (l->list) l->cls->release(l->list);
+  l->list = nullptr;
+  Py_TYPE(self)->tp_free(self);
+}
+
+OwnedRef result_list_convert(ResultListObject *self, PyObject *args, PyObject *kwds) {
+  static const char *const names[] = {"unused", nullptr};
+  PyObject *a[1]{};
+  parse_args(args, kwds, "convert", names, 1, a);
+  auto out = OwnedRef::check(PyList_New(0));
+  for (const tq_list_t *node = self->list; node; node = node->next) {
+    OwnedRef value = self->cls->convert_node(*self->cls, node);
+    check_status(PyList_Append(out.get(), value.get()));
+  }
+  return out;
+}
+
+PyMethodDef g_result_list_methods[] = {
+    TQ_METHOD("TQDBv17_1.ResultList.convert", "convert", ResultListObject, result_list_convert,
+              "convert(unused) -> a new list with one Python value per record, in order."),
+    TQ_METHOD_END,
+};
+
+// --- module functions -------------------------------------------------------------------------
+
+OwnedRef fn_intlisttopython(PyObject *args, PyObject *kwds) {
+  static const char *const names[] = {"l", nullptr};
+  PyObject *a[1]{};
+  parse_args(args, kwds, "intlisttopython", names, 1, a);
+  check_arg_type(a[0], &list_class(ListId::TQIntList).type, "l", false);
+  return intlisttopython(as_result_list(a[0])->list);
+}
+
+uint32_t arg_u32(PyObject *o) {
+  const long long v = compat::int_as_ll(o);
+  if (v == -1 && PyErr_Occurred()) throw_python_error();
+  if (v < 0 || v > UINT32_MAX) raise_text(PyExc_OverflowError, "address word out of range");
+  return static_cast<uint32_t>(v);
+}
+
+OwnedRef fn_ipv4tostr(PyObject *args, PyObject *kwds) {
+  static const char *const names[] = {"addr", nullptr};
+  PyObject *a[1]{};
+  parse_args(args, kwds, "ipv4tostr", names, 1, a);
+  return text(ipv4_text(arg_u32(a[0])));
+}
+
+OwnedRef fn_ipv6tostr(PyObject *args, PyObject *kwds) {
+  static const char *const names[] = {"words", nullptr};
+  PyObject *a[1]{};
+  parse_args(args, kwds, "ipv6tostr", names, 1, a);
+  auto seq = OwnedRef::check(PySequence_Fast(a[0], "ipv6tostr() takes four words"));
+  if (PySequence_Fast_GET_SIZE(seq.get()) != 4)
+    raise_text(PyExc_ValueError, "ipv6tostr() takes four words");
+  uint32_t words[4];
+  for (Py_ssize_t i = 0; i < 4; ++i) words[i] = arg_u32(PySequence_Fast_GET_ITEM(seq.get(), i));
+  return text(ipv6_text(words));
+}
+
+}  // namespace
+
+PyMethodDef g_result_list_functions[] = {
+    TQ_FUNCTION("TQDBv17_1.intlisttopython", "intlisttopython", fn_intlisttopython,
+                "intlisttopython(l) -> the integers of a TQIntList as a list of int."),
+    TQ_FUNCTION("TQDBv17_1.ipv4tostr", "ipv4tostr", fn_ipv4tostr,
+                "ipv4tostr(addr) -> 'a.b.c.d' for an address as a 32-bit integer."),
+    TQ_FUNCTION("TQDBv17_1.ipv6tostr", "ipv6tostr", fn_ipv6tostr,
+                "ipv6tostr(words) -> eight hex groups for four 32-bit words, without '::'."),
+    TQ_METHOD_END,
+};
+
+std::string ipv4_text(uint32_t addr) {
+  std::array<char, 32> buf{};
+  std::snprintf(buf.data(), buf.size(), "%u.%u.%u.%u", (addr >> 24) & 0xFFu, (addr >> 16) & 0xFFu,
+                (addr >> 8) & 0xFFu, addr & 0xFFu);
+  return buf.data();
+}
+
+std::string ipv6_text(const uint32_t (&w)[4]) {
+  std::array<char, 42> buf{};
+  std::snprintf(buf.data(), buf.size(), "%x:%x:%x:%x:%x:%x:%x:%x", w[0] >> 16, w[0] & 0xFFFFu,
+                w[1] >> 16, w[1] & 0xFFFFu, w[2] >> 16, w[2] & 0xFFFFu, w[3] >> 16,
+                w[3] & 0xFFFFu);
+  return buf.data();
+}
+
+OwnedRef intlisttopython(const tq_list_t *list) {
+  auto out = OwnedRef::check(PyList_New(0));
+  for (const tq_list_t *node = list; node; node = node->next) {
+    OwnedRef v = int_i64(static_cast<long long>(reinterpret_cast<intptr_t>(node->data)));
+    check_status(PyList_Append(out.get(), v.get()));
+  }
+  return out;
+}
+
+ListClass &list_class(ListId id) { return g_classes[static_cast<size_t>(id)]; }
+
+void list_types_fill() {
+  PyTypeObject *base = &list_class(ListId::ResultList).type;
+  for (size_t i = 0; i < g_classes.size(); ++i)
+    if (static_cast<size_t>(g_classes[i].id) != i)
+      raise(PyExc_SystemError, "list class %s out of order", g_classes[i].name);
+  for (ListClass &c : g_classes) {
+    if (c.qualname.empty()) c.qualname = std::string(kModuleName) + "." + c.name;
+    const bool is_base = &c.type == base;
+    type_fill(c.type, TypeDesc{.name = c.qualname.c_str(),
+                               .doc = c.doc,
+                               .basicsize = sizeof(ResultListObject),
+                               .base = is_base ? nullptr : base,
+                               .subclassable = true,
+                               .tp_new = is_base ? new_entry<TQ_SITE("TQDBv17_1.ResultList.__new__"),
+                                                             result_list_new>
+                                                 : nullptr,
+                               .tp_dealloc = is_base ? result_list_dealloc : nullptr,
+                               .methods = is_base ? g_result_list_methods : nullptr});
+    if (c.keys.size() != c.fields.size()) {
+      c.keys.clear();
+      for (const Field &f : c.fields) {
+        PyObject *key = compat::text_intern(f.key);
+        if (!key) throw_python_error();
+        c.keys.push_back(key);
+      }
+    }
+  }
+}
+
+OwnedRef list_arg(PyObject *l, ListId id) {
+  ListClass &cls = list_class(id);
+  if (l && l != Py_None) {
+    check_arg_type(l, &cls.type, "l", true);
+    return OwnedRef::incref(l);
+  }
+  auto empty = OwnedRef::check(PyTuple_New(0));
+  return OwnedRef::check(cls.type.tp_new(&cls.type, empty.get(), nullptr));
+}
+
+}  // namespace tqpy

@@ -1,0 +1,152 @@
+// Result lists: decoded C lists handed to scripts unconverted.
+//
+// A reply decoder fills a C linked list (tq_list_t) with records; the
+// scripting object that receives it owns the list and every record in it,
+// and turns it into Python values only when the script calls convert().
+// A script can decode several replies into one list object and convert once.
+//
+// Every list class is a row of one table (ListClass): its name, how a node
+// becomes a Python value (convert_node), how the list is released, and for
+// record lists the record's fields as rows (key, offset, kind). A family
+// adds a list class by adding a field table and a row, not a function.
+//
+//   ResultListObject ---> ListClass (class's operations: convert_node first)
+//        | list
+//        v
+//   tq_list_t -> tq_list_t -> ... -> nullptr      (data: record / text / int)
+#ifndef TQ_BINDING_RESULT_LIST_H
+#define TQ_BINDING_RESULT_LIST_H
+
+#include "py_entry.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "tq_list.h"
+
+namespace tqpy {
+
+// How one field of a C record becomes a Python value.
+enum class FieldKind {
+  Text,     // char[size], up to the first NUL -> str
+  Flag,     // u8 -> bool (any nonzero byte is True)
+  U8,       // -> int
+  U16,      // -> int
+  I32,      // -> int
+  U32,      // -> int (long where needed)
+  U64,      // -> int (long)
+  IPv4,     // u32 in host order -> "a.b.c.d"
+  IPv6,     // u32[4] in host order -> eight groups of hex, no "::"
+  IntList,  // tq_list_t * of integers -> [int, ...]
+};
+
+struct Field {
+  const char *key;  // dict key
+  size_t offset;    // offsetof in the record
+  FieldKind kind;
+  size_t size;      // sizeof the member (bounds Text)
+};
+
+#define TQ_FIELD(Record, member, kind, key) \
+  ::tqpy::Field { key, offsetof(Record, member), ::tqpy::FieldKind::kind, sizeof(Record::member) }
+
+struct ListClass;
+// The value of one node; throws with a Python error set on failure.
+using ConvertNode = OwnedRef (*)(const ListClass &cls, const tq_list_t *node);
+using ReleaseList = void (*)(tq_list_t *list);
+
+enum class ListId;
+
+struct ListClass {
+  ListId id;
+  const char *name;  // short name, also the module attribute
+  const char *doc;
+  ConvertNode convert_node;
+  ReleaseList release;
+  std::span<const Field> fields;  // record lists only
+  // Filled at module initialisation:
+  PyTypeObject type{};
+  std::string qualname{};        // "TQDBv17_1.<name>"
+  std::vector<PyObject *> keys{};  // interned dict keys, one per field, kept for the process
+};
+
+struct ResultListObject {
+  PyObject_HEAD
+  const ListClass *cls;  // the class's operations
+  tq_list_t *list;       // owned, with its records; nullptr when empty
+};
+
+// The list classes, by the names the module exports.
+enum class ListId {
+  TQResList,
+  LevelList,
+  TQObjList,
+  TQShapingObjList,
+  TQStatisticsObjList,
+  TQIpfixObjList,
+  TQDynamicLiveViewList,
+  TQRuleConditionList,
+  TQIntList,
+  TQFwList,
+  TQMonitorIfaceList,
+  TQShapingList,
+  TQStatisticsList,
+  TQGraphList,
+  TQConnlogList,
+  TQServicesList,
+  TQConfigList,
+  TQConfigCategoryList,
+  TQConfigFlagList,
+  TQBackupList,
+  TQConnprotTriggerList,
+  TQSystemOverviewSystemList,
+  TQSystemOverviewTemplateList,
+  TQSystemOverviewSystemGraph,
+  TQLogFacilityList,
+  TQChannelList,
+  TQChannelLabelList,
+  TQStatreaderList,
+  TQSubscribercountList,
+  TQSubscribercountGraph,
+  TQStatreaderDurationList,
+  TQSubitemcountList,
+  TQStatreaderNamesList,
+  ResultList,
+  TQStringList,
+  TQFileservTypeList,
+  TQFileservList,
+  TQUserList,
+  TQUserPubkeyList,
+  TQHostTriggerList,
+  TQSysDiagZoneList,
+  TQSysDiagZoneValueList,
+  TQSysDiagLogEntryList,
+  TQSysDiagMallocUsageEntryList,
+};
+
+ListClass &list_class(ListId id);
+// Fills the list classes' type objects and interns their keys.
+void list_types_fill();
+
+// The list object a decoder appends to: `l` itself when it is an instance of
+// the class (TypeError "Argument 'l' ..." otherwise), a new empty one when l
+// is None or not given.
+OwnedRef list_arg(PyObject *l, ListId id);
+inline ResultListObject *as_result_list(PyObject *o) {
+  return reinterpret_cast<ResultListObject *>(o);
+}
+
+// Conversions shared by the list classes.
+std::string ipv4_text(uint32_t addr);
+std::string ipv6_text(const uint32_t (&words)[4]);
+OwnedRef intlisttopython(const tq_list_t *list);
+
+// Module-level functions: intlisttopython(l), ipv4tostr(addr), ipv6tostr(words).
+extern PyMethodDef g_result_list_functions[];
+
+}  // namespace tqpy
+
+#endif

@@ -1,0 +1,258 @@
+"""The binding itself: argument checking, conversions, object lifetimes,
+reference leaks and the checks made at import."""
+import gc
+import os
+import select
+import socket
+import subprocess
+import sys
+import traceback
+import unittest
+import weakref
+
+import TQDBv17_1 as T
+import TQvindelv17_1 as V
+
+from simhelper import REPLY_DATA, ScriptedPeer, frame, string, u32
+
+try:
+    import tracemalloc
+except ImportError:  # Python 2
+    tracemalloc = None
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+
+
+def run_python(code):
+    """Runs code in a fresh interpreter (for what may crash); (status, output)."""
+    p = subprocess.Popen([sys.executable, '-c', 'import sys; sys.path.insert(0, %r)\n' % HERE + code],
+                         stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+    out = p.communicate()[0].decode('utf-8', 'replace')
+    return p.returncode, out
+
+
+def bad_type(arg, expected, got):
+    return "Argument '%s' has incorrect type (expected %s, got %s)" % (arg, expected, got)
+
+
+class ArgumentTest(unittest.TestCase):
+    def setUp(self):
+        self.peer = ScriptedPeer()
+        self.h = self.peer.handle
+        self.s = T.Session()  # bound to no handle: requests return 0
+
+    def tearDown(self):
+        self.peer.close()
+
+    def check_type_error(self, text, method, fn, *args, **kw):
+        try:
+            fn(*args, **kw)
+            self.fail('no TypeError')
+        except TypeError as e:
+            if text is not None:
+                self.assertEqual(str(e), text)
+            names = [f[2] for f in traceback.extract_tb(sys.exc_info()[2])]
+            self.assertEqual(names[-1], method)
+
+    def test_wrong_classes(self):
+        m = T.TQMessage()
+        msg_none = bad_type('msg', 'TQDBv17_1.TQMessage', 'NoneType')
+        for name in ('version_handle', 'auth_handle', 'session_new_handle', 'begin_handle',
+                     'commit_handle', 'commit_bcast_handle'):
+            self.check_type_error(msg_none, 'TQDBv17_1.TQDBAPIHandle.' + name,
+                                  getattr(self.h, name), None)
+        self.check_type_error(bad_type('msg', 'TQDBv17_1.TQMessage', 'str'),
+                              'TQDBv17_1.Session.ping_handle', self.s.ping_handle, 'x')
+        self.check_type_error(bad_type('l', 'TQDBv17_1.TQStringList', 'TQDBv17_1.TQResList'),
+                              'TQDBv17_1.Session.diag_handle', self.s.diag_handle, m,
+                              T.TQResList())
+        self.check_type_error(bad_type('l', 'TQDBv17_1.TQResList', 'list'),
+                              'TQDBv17_1.Session.resource_resource_list_handle',
+                              self.s.resource_resource_list_handle, msg=m, l=[])
+
+        class StealsInt(object):
+            def steal_vindel(self):
+                return 5
+        self.check_type_error(bad_type('io', 'TQvindelv17_1.Vindel', 'int'),
+                              'TQDBv17_1.TQDBAPIHandle.__new__', T.TQDBAPIHandle, StealsInt())
+        self.check_type_error(bad_type('key', 'TQvindelv17_1.VindelKey', 'int'),
+                              'TQvindelv17_1.Vindel.__new__', V.Vindel, self.peer.client_sock,
+                              key=5)
+        a, b = socket.socketpair()
+        try:  # a connection whose handshake has not run
+            self.assertRaises(ValueError, T.TQDBAPIHandle, V.Vindel(a, responder=True))
+        finally:
+            a.close()
+            b.close()
+
+    def test_scalars_and_keywords(self):
+        s = self.s
+        for ok in (2 ** 31 - 1, -2 ** 31, True):
+            self.assertEqual(s.resource_begin(ok), 0)
+        for big in (2 ** 31, -2 ** 31 - 1):
+            self.assertRaises(OverflowError, s.resource_begin, big)
+        self.check_type_error(None, 'TQDBv17_1.Session.resource_begin', s.resource_begin, 1.0)
+        self.check_type_error(None, 'TQDBv17_1.Session.ping', s.ping, 5)
+        self.check_type_error(None, 'TQDBv17_1.Session.ping', s.ping, nope='x')
+        self.check_type_error(None, 'TQDBv17_1.Session.ping', s.ping)
+        self.check_type_error(None, 'TQDBv17_1.Session.diag', s.diag, 1)
+        self.assertRaises(ValueError, s.ping, 'a\0b')
+        self.assertEqual([s.ping(string=b'x'), s.resource_commit(msg=u'x'),
+                          s.resource_resource_steal(resid=1), s.resource_rollback(),
+                          s.diag()], [0] * 5)
+        self.assertEqual(self.h.auth(user='u', pwd=b'p'), 1)
+        self.check_type_error(None, 'TQDBv17_1.ResultList.convert', T.TQIntList().convert)
+
+
+class ConversionTest(unittest.TestCase):
+    def test_addresses(self):
+        for value, text in ((0xC0A80001, '192.168.0.1'), (0, '0.0.0.0'),
+                            (0x01020304, '1.2.3.4'), (0xFFFFFFFF, '255.255.255.255')):
+            self.assertEqual(T.ipv4tostr(value), text)
+        for words, text in (((0x20010DB8, 0, 0, 1), '2001:db8:0:0:0:0:0:1'),
+                            ((0, 0, 0, 0), '0:0:0:0:0:0:0:0'),
+                            ((0x000A0B00, 0x10000, 0xFFFF, 0xFEDC0000),
+                             'a:b00:1:0:0:ffff:fedc:0'),
+                            ([0xFFFFFFFF] * 4, ':'.join(['ffff'] * 8))):
+            self.assertEqual(T.ipv6tostr(words), text)
+        for bad in (-1, 2 ** 32):
+            self.assertRaises(OverflowError, T.ipv4tostr, bad)
+        self.assertRaises(ValueError, T.ipv6tostr, (1, 2, 3))
+
+    def test_lists(self):
+        self.assertEqual(T.ResultList().convert(None), [])
+        values = [3, -1, 0, 2 ** 40, 7]
+        l = T.TQIntList(values)
+        self.assertEqual(l.convert(None), values)
+        self.assertEqual(l.convert(None), l.convert(0))
+        self.assertEqual(T.intlisttopython(l), values)
+        self.assertEqual(T.TQIntList().convert(0), [])
+        self.assertRaises(TypeError, T.TQIntList, ['x'])
+        self.assertRaises(TypeError, T.intlisttopython, T.TQStringList())
+
+        class Mine(T.TQIntList):
+            pass
+        self.assertEqual(Mine(iter([1, 2])).convert(0), [1, 2])
+        classes = [getattr(T, n) for n in dir(T) if isinstance(getattr(T, n), type)]
+        self.assertEqual(len(classes), 50)
+        lists = [c for c in classes if issubclass(c, T.ResultList)]
+        self.assertEqual(len(lists), 44)  # all but six
+        for c in lists:
+            self.assertEqual(c().convert(None), [])
+        self.assertIs(T.select, select.select)
+
+
+class LifetimeTest(unittest.TestCase):
+    def test_every_order_of_destruction(self):
+        code = '''
+import gc, itertools
+import TQDBv17_1 as T
+from simhelper import ScriptedPeer, frame, u32, string, REPLY_DATA
+for order in itertools.permutations(['peer', 'handle', 'session', 'message', 'vindel']):
+    peer = ScriptedPeer()
+    objs = {'peer': peer, 'handle': peer.handle, 'vindel': peer.client}
+    objs['message'] = peer.reply(frame(REPLY_DATA, u32(0) + u32(1) + u32(5)))
+    objs['session'] = peer.handle.session_new_handle(objs['message'])
+    del peer
+    for name in order:
+        del objs[name]
+        gc.collect()
+        if 'session' in objs:
+            assert objs['session'].ping('x') != 0
+        if 'message' in objs:
+            assert objs['message'].get_cid() == 1
+        if 'handle' in objs:
+            try:
+                objs['handle'].readmsg()
+            except IOError:  # the peer went with 'peer'
+                pass
+print('survived')
+'''
+        status, out = run_python(code)
+        self.assertEqual((status, out.strip()), (0, 'survived'))
+
+    def test_cycles_are_collected(self):
+        class Sock(socket.socket):
+            pass
+        peer = ScriptedPeer(sock_class=Sock)
+        session = peer.handle.session_new_handle(
+            peer.reply(frame(REPLY_DATA, u32(0) + u32(1) + u32(5))))
+        # socket -> session -> handle -> Vindel -> socket
+        peer.client_sock.session = session
+        alive = weakref.ref(peer.client_sock)
+        del session
+        peer.client_sock = peer.client = peer.handle = None
+        gc.collect()
+        self.assertIsNone(alive())
+        peer.server_sock.close()
+
+    def test_no_reference_leaks(self):
+        peer = ScriptedPeer()
+        h = peer.handle
+        s = h.session_new_handle(peer.reply(frame(REPLY_DATA, u32(0) + u32(1) + u32(5))))
+        m = T.TQMessage()
+        l = T.TQStringList()
+        wrong = T.TQResList()
+        records = s.resource_resource_list_handle(peer.reply(frame(
+            REPLY_DATA, u32(0) + u32(2) + (u32(1) + string(b'r') * 4 + b'\0\1' + string(b'x') * 2 +
+                                           u32(3) + b'\0' * 8 + string(b's')) * 3)))
+
+        def calls():
+            s.diag_handle(m, l)
+            s.ping_handle(m)
+            h.auth_handle(m)
+            h.readmsg()
+            records.convert(None)
+            T.TQIntList(range(5)).convert(0)
+            T.ipv6tostr((1, 2, 3, 4))
+            for fn, arg in ((s.diag_handle, (m, wrong)), (h.begin_handle, (m,)),
+                            (s.ping, (None,)), (h.version_handle, (None,))):
+                try:
+                    fn(*arg)
+                except (TypeError, RuntimeError):
+                    pass
+
+        fixed = (m, l, wrong, h, s, records)
+        for _ in range(50):
+            calls()
+        gc.collect()
+        refs = [sys.getrefcount(o) for o in fixed]
+        objects = len(gc.get_objects())
+        if tracemalloc:
+            tracemalloc.start()
+        for _ in range(1000):
+            calls()
+        gc.collect()
+        grown = tracemalloc.get_traced_memory()[0] if tracemalloc else 0
+        if tracemalloc:
+            tracemalloc.stop()
+        self.assertEqual([sys.getrefcount(o) for o in fixed], refs)
+        self.assertTrue(len(gc.get_objects()) - objects < 20)
+        self.assertTrue(grown < 16 * 1024, grown)
+        self.assertEqual(len(records.convert(0)), 3)
+        peer.close()
+
+
+class ImportTest(unittest.TestCase):
+    def test_vindel_type_is_checked(self):
+        template = '''
+import sys, types
+fake = types.ModuleType('TQvindelv17_1')
+%s
+sys.modules['TQvindelv17_1'] = fake
+try:
+    import TQDBv17_1
+except (TypeError, ValueError) as e:
+    print('%%s: %%s' %% (type(e).__name__, e))
+'''
+        cases = (('fake.Vindel = 5', 'TypeError: TQvindelv17_1.Vindel is not a type object'),
+                 ('class Vindel(object): pass\nfake.Vindel = Vindel',
+                  'ValueError: TQvindelv17_1.Vindel does not appear to be the correct type '
+                  'object'))
+        for setup, text in cases:
+            status, out = run_python(template % setup)
+            self.assertEqual((status, out.strip()), (0, text))
+
+
+if __name__ == '__main__':
+    unittest.main()
