@@ -3,9 +3,6 @@
 #include <poll.h>
 #include <sys/socket.h>
 
-#include <algorithm>
-#include <array>
-#include <cstring>
 #include <utility>
 
 #include "tq_msg.h"
@@ -13,15 +10,8 @@
 namespace tqsim {
 namespace {
 
-// The peer's public key is e then N, each a big-endian number of keylen
-// bits. Our 64-byte key is wrapped as a 512-bit number, which the RSA code
-// insists be below N: refuse any N under 2^512, i.e. with its top half zero.
+// The peer's public key: e then N, each a big-endian number of keylen bits.
 constexpr size_t kPubkeyBytes = VINDEL_KEYLEN / 4;
-
-bool modulus_usable(const uint8_t *key) {
-  const uint8_t *n = key + kPubkeyBytes / 2;
-  return std::any_of(n, n + kPubkeyBytes / 4, [](uint8_t b) { return b != 0; });
-}
 
 }  // namespace
 
@@ -57,15 +47,6 @@ short Conn::poll_events() const {
   return ev;
 }
 
-bool Conn::pubkey_refused() {
-  const auto have = static_cast<size_t>(sock_.received);
-  if (sock_.keylen / 4 != static_cast<int32_t>(kPubkeyBytes) || have >= kPubkeyBytes) return false;
-  std::array<uint8_t, kPubkeyBytes> key{};
-  std::memcpy(key.data(), sock_.hsbuf, have);
-  const ssize_t n = recv(fd_.get(), key.data() + have, kPubkeyBytes - have, MSG_PEEK);
-  return n > 0 && have + static_cast<size_t>(n) == kPubkeyBytes && !modulus_usable(key.data());
-}
-
 int Conn::handshake_block() const {
   switch (static_cast<vindel_state>(sock_.state)) {
     case VINDEL_STATE_GREETING:
@@ -89,14 +70,6 @@ void Conn::set_read_low_water(int bytes) {
 }
 
 Conn::Step Conn::handshake(bool can_read, bool can_write, std::string &why) {
-  // The transport goes from the last byte of the client's public key
-  // straight to wrapping our key under it, so the key is judged before the
-  // step that completes it: poll reports the socket readable only once the
-  // rest of the key is there (the low-water mark), and we peek at it.
-  if (sock_.state == VINDEL_STATE_PUBKEY && can_read && pubkey_refused()) {
-    why = "handshake failed: unusable public key";
-    return Step::kFailed;
-  }
   const int r = vindel_handshake_responder(can_read, can_write, &sock_);
   if (r < 0) {
     why = "handshake failed";

@@ -77,9 +77,6 @@ class Conn {
   };
 
   Conn(uint32_t id, UniqueFd fd, std::string peer, Clock::time_point deadline);
-  // True when the rest of the client's public key is waiting in the
-  // socket and its modulus is too small to wrap our key under.
-  bool pubkey_refused();
   // The transport reads its handshake blocks (greeting, public key, the
   // client's stream key) in one receive each and fails on a short one, so
   // poll is told to report the socket readable only once the whole block is
