@@ -86,6 +86,17 @@ PyObject *function_entry(PyObject *, PyObject *args, PyObject *kwds) {
   return nullptr;
 }
 
+// A module's init: its body builds the module or throws; the interpreter
+// gets the new reference or NULL with the error set.
+inline PyObject *module_entry(OwnedRef (*body)()) {
+  try {
+    return body().release();
+  } catch (...) {
+    translate_exception();
+  }
+  return nullptr;
+}
+
 using NewBody = OwnedRef (*)(PyTypeObject *type, PyObject *args, PyObject *kwds);
 template <Site S, NewBody Body>
 PyObject *new_entry(PyTypeObject *type, PyObject *args, PyObject *kwds) {

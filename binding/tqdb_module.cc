@@ -176,11 +176,6 @@ OwnedRef module_body() {
 }  // namespace tqpy
 
 TQ_PY_MODINIT(TQDBv17_1) {
-  PyObject *m = nullptr;
-  try {
-    m = tqpy::module_body().release();
-  } catch (...) {
-    tqpy::translate_exception();
-  }
+  PyObject *m = tqpy::module_entry(tqpy::module_body);
   TQ_PY_MODINIT_RETURN(m);
 }

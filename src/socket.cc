@@ -26,6 +26,18 @@ constexpr size_t kMaxBlock = VINDEL_KEYLEN / 8;  // one RSA number on the wire
 
 bool would_block() { return vindel_sock_error() == VINDEL_WOULDBLOCK; }
 
+// Collects a handshake block of `want` bytes that may arrive in pieces:
+// 1 when it is complete, 0 to wait for more, -1 when the peer closed or
+// the socket failed.
+int collect_block(vindel_sock_t *sock, int32_t want) {
+  const ssize_t r = vindel_sys_recv(sock->fd, sock->hsbuf + sock->received,
+                                    static_cast<size_t>(want - sock->received));
+  if (r == 0) return -1;
+  if (r < 0) return would_block() ? 0 : -1;
+  sock->received += static_cast<int32_t>(r);
+  return sock->received < want ? 0 : 1;
+}
+
 // Whether the big-endian number in bytes[0, bits/8) is below key's modulus.
 bool below_modulus(const uint8_t *bytes, unsigned bits, const rsa_key_t *key) {
   mpz_t x;
@@ -75,13 +87,7 @@ int initiator_send_own_key(bool can_write, vindel_sock_t *sock) {
 int initiator_recv_wrapped_key(bool can_read, bool can_write, vindel_sock_t *sock) {
   if (!can_read) return 0;
   VINDEL_ASSERT(sock->rsa_pubkey->keylen/8 <= 128);
-  const int32_t want = sock->keylen / 8;
-  const ssize_t r = vindel_sys_recv(sock->fd, sock->hsbuf + sock->received,
-                                    static_cast<size_t>(want - sock->received));
-  if (r == 0) return -1;
-  if (r < 0) return would_block() ? 0 : -1;
-  sock->received += static_cast<int32_t>(r);
-  if (sock->received < want) return 0;
+  if (const int r = collect_block(sock, sock->keylen / 8); r != 1) return r;
 
   // A block not below the modulus is no RSA cipher text: the peer is broken
   // or hostile, and the decryption's precondition must never see it.
@@ -122,13 +128,7 @@ int responder_send_wrapped_key(vindel_sock_t *sock) {
 
 int responder_recv_pubkey(bool can_read, vindel_sock_t *sock) {
   if (!can_read) return 0;
-  const int32_t want = sock->keylen / 4;
-  const ssize_t r = vindel_sys_recv(sock->fd, sock->hsbuf + sock->received,
-                                    static_cast<size_t>(want - sock->received));
-  if (r == 0) return -1;
-  if (r < 0) return would_block() ? 0 : -1;
-  sock->received += static_cast<int32_t>(r);
-  if (sock->received < want) return 0;
+  if (const int r = collect_block(sock, sock->keylen / 4); r != 1) return r;
 
   const auto bits = static_cast<unsigned>(sock->keylen);
   bytes_to_mpz(sock->rsa_pubkey->e, sock->hsbuf, bits);
