@@ -189,40 +189,28 @@ Bytes string_field(const std::string &s) {  // count includes the NUL
 }
 
 TEST(MsgGet, StringsAreCutKeptOrSkipped) {
-  // 10 bytes on the wire into 8: seven characters, the forced NUL, and the
-  // read position behind all 10 so that the next field is intact.
-  Bytes wire = string_field("abcdefghi");
-  wire.push_back(0x77);
-  auto m = make_msg(wire);
-  char buf[8];
-  ASSERT_TRUE(tq_msg_get_string_len(m.get(), buf, sizeof buf));
-  EXPECT_STREQ(buf, "abcdefg");
-  EXPECT_EQ(m->rpos, 14);
-  uint8_t next = 0;
-  EXPECT_TRUE(tq_msg_get_uint8(m.get(), &next));
-  EXPECT_EQ(next, 0x77);
-
-  // Exactly fitting: terminated by its own NUL.
-  m = make_msg(string_field("abcdefg"));
-  std::memset(buf, 'x', sizeof buf);
-  ASSERT_TRUE(tq_msg_get_string_len(m.get(), buf, sizeof buf));
-  EXPECT_STREQ(buf, "abcdefg");
-
-  // Count 0 is the null string and reads as empty.
-  m = make_msg({0, 0, 0, 0});
-  std::memset(buf, 'x', sizeof buf);
-  ASSERT_TRUE(tq_msg_get_string_len(m.get(), buf, sizeof buf));
-  EXPECT_STREQ(buf, "");
-  EXPECT_EQ(m->rpos, 4);
-
-  // A size of 1 keeps nothing but still passes the whole string.
-  m = make_msg(string_field("abc"));
-  ASSERT_TRUE(tq_msg_get_string_len(m.get(), buf, 1));
-  EXPECT_EQ(buf[0], '\0');
-  EXPECT_EQ(m->rpos, 8);
+  struct Case { const char *what; Bytes wire; size_t size; const char *want; uint16_t rpos; };
+  const Case cases[] = {
+      // 10 bytes on the wire into 8: seven characters, the forced NUL, and the
+      // read position behind all 10 so that the next field is intact.
+      {"cut", string_field("abcdefghi"), 8, "abcdefg", 14},
+      {"exact", string_field("abcdefg"), 8, "abcdefg", 12},  // its own NUL ends it
+      {"null string", {0, 0, 0, 0}, 8, "", 4},
+      {"size 1", string_field("abc"), 1, "", 8},  // keeps nothing, passes all
+  };
+  for (const Case &c : cases) {
+    Bytes wire = c.wire;
+    wire.push_back(0x77);
+    auto m = make_msg(wire);
+    char buf[16];
+    std::memset(buf, 'x', sizeof buf);
+    ASSERT_TRUE(tq_msg_get_string_len(m.get(), buf, c.size)) << c.what;
+    EXPECT_STREQ(buf, c.want) << c.what;
+    EXPECT_EQ(m->rpos, c.rpos) << c.what;
+  }
 
   // The bytes behind the count are missing: the copied span is zeroed.
-  m = make_msg({0, 0, 0, 10, 'a', 'b', 'c'});
+  auto m = make_msg({0, 0, 0, 10, 'a', 'b', 'c'});
   char big[16];
   std::memset(big, 'x', sizeof big);
   EXPECT_FALSE(tq_msg_get_string_len(m.get(), big, sizeof big));
@@ -230,57 +218,40 @@ TEST(MsgGet, StringsAreCutKeptOrSkipped) {
   EXPECT_EQ(big[10], 'x');
   EXPECT_EQ(big[15], '\0');
 
-  // The copy fits but the part to skip is cut short.
+  // The copy fits but the rest to skip is cut short.
   m = make_msg({0, 0, 0, 10, 'a', 'b', 'c', 'd', 'e'});
-  EXPECT_FALSE(tq_msg_get_string_len(m.get(), buf, 4));
-  EXPECT_STREQ(buf, "abc");
-}
+  EXPECT_FALSE(tq_msg_get_string_len(m.get(), big, 4));
+  EXPECT_STREQ(big, "abc");
 
-TEST(MsgGet, StringCutAtEveryPositionFails) {
-  const Bytes wire = string_field("hello");
-  for (size_t cut = 0; cut <= wire.size(); ++cut) {
-    auto m = make_msg(Bytes(wire.begin(), wire.begin() + static_cast<long>(cut)));
-    char buf[32];
-    EXPECT_EQ(tq_msg_get_string_len(m.get(), buf, sizeof buf), cut == wire.size()) << cut;
+  const Bytes hello = string_field("hello");
+  for (size_t cut = 0; cut <= hello.size(); ++cut) {
+    m = make_msg(Bytes(hello.begin(), hello.begin() + static_cast<long>(cut)));
+    EXPECT_EQ(tq_msg_get_string_len(m.get(), big, sizeof big), cut == hello.size()) << cut;
   }
 }
 
 TEST(MsgVarint, EncodingsAtTheirEdges) {
-  struct U32 { uint32_t v; Bytes wire; };
-  for (const U32 &c : {U32{0, {0x00}}, U32{127, {0x7F}}, U32{128, {0x81, 0x00}},
-                       U32{300, {0x82, 0x2C}}, U32{16383, {0xFF, 0x7F}},
-                       U32{16384, {0x81, 0x80, 0x00}},
-                       U32{0xFFFFFFFF, {0x8F, 0xFF, 0xFF, 0xFF, 0x7F}}}) {
-    auto m = make_msg();
-    tq_msg_put_varuint32(m.get(), c.v);
-    EXPECT_EQ(written(m.get()), c.wire) << c.v;
-    uint32_t back = 0;
-    EXPECT_TRUE(tq_msg_get_varuint32(m.get(), &back));
-    EXPECT_EQ(back, c.v);
-  }
-  struct I32 { int32_t v; Bytes wire; };
-  for (const I32 &c : {I32{0, {0x00}}, I32{-1, {0x01}}, I32{1, {0x02}}, I32{-64, {0x7F}},
-                       I32{64, {0x81, 0x00}}, I32{INT32_MAX, {0x8F, 0xFF, 0xFF, 0xFF, 0x7E}},
-                       I32{INT32_MIN, {0x8F, 0xFF, 0xFF, 0xFF, 0x7F}}}) {
-    auto m = make_msg();
-    tq_msg_put_varint32(m.get(), c.v);
-    EXPECT_EQ(written(m.get()), c.wire) << c.v;
-    int32_t back = 0;
-    EXPECT_TRUE(tq_msg_get_varint32(m.get(), &back));
-    EXPECT_EQ(back, c.v);
-  }
+  const Kind &u32 = kKinds[10], &i32 = kKinds[11], &u64 = kKinds[12], &i64 = kKinds[13];
+  const Bytes max32 = {0x8F, 0xFF, 0xFF, 0xFF, 0x7F};
   const Bytes max64 = {0x81, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x7F};
-  auto m = make_msg();
-  tq_msg_put_varuint64(m.get(), UINT64_MAX);
-  tq_msg_put_varint64(m.get(), INT64_MIN);
-  EXPECT_EQ(Bytes(m->data, m->data + 10), max64);
-  EXPECT_EQ(Bytes(m->data + 10, m->data + m->len), max64);
-  uint64_t u = 0;
-  int64_t i = 0;
-  EXPECT_TRUE(tq_msg_get_varuint64(m.get(), &u));
-  EXPECT_TRUE(tq_msg_get_varint64(m.get(), &i));
-  EXPECT_EQ(u, UINT64_MAX);
-  EXPECT_EQ(i, INT64_MIN);
+  struct Case { const Kind &k; uint64_t v; Bytes wire; };
+  const Case cases[] = {
+      {u32, 0, {0x00}}, {u32, 127, {0x7F}}, {u32, 128, {0x81, 0x00}}, {u32, 300, {0x82, 0x2C}},
+      {u32, 16383, {0xFF, 0x7F}}, {u32, 16384, {0x81, 0x80, 0x00}}, {u32, 0xFFFFFFFF, max32},
+      // Signed values are zigzag-coded: -1, 1, -64, 64, INT32_MAX, INT32_MIN.
+      {i32, 0, {0x00}}, {i32, 0xFFFFFFFF, {0x01}}, {i32, 1, {0x02}}, {i32, 0xFFFFFFC0, {0x7F}},
+      {i32, 64, {0x81, 0x00}}, {i32, 0x7FFFFFFF, {0x8F, 0xFF, 0xFF, 0xFF, 0x7E}},
+      {i32, 0x80000000, max32}, {u64, UINT64_MAX, max64}, {i64, uint64_t{1} << 63, max64},
+  };
+  for (const Case &c : cases) {
+    SCOPED_TRACE(testing::Message() << (&c.k - kKinds) << ": " << c.v);
+    auto m = make_msg();
+    c.k.put(m.get(), c.v);
+    EXPECT_EQ(written(m.get()), c.wire);
+    uint64_t back = ~c.v;
+    EXPECT_TRUE(c.k.get(m.get(), &back));
+    EXPECT_EQ(back, c.v);
+  }
 }
 
 TEST(MsgVarint, OverlongAndCutRunsFailWithoutConsuming) {

@@ -9,6 +9,7 @@
 #include <fcntl.h>
 #include <memory>
 #include <random>
+#include <utility>
 #include <unistd.h>
 #include <vector>
 
@@ -56,37 +57,26 @@ TEST_F(RingbufTest, BehavesLikeAByteQueue) {
     for (int step = 0; step < 600; ++step) {
       // Mostly small, sometimes more than a chunk.
       const size_t len = rng() % 4 == 0 ? rng() % (2 * kChunk) : rng() % 5000;
-      const uint32_t used_before = tq_ringbuf_used(rb.get());
       const uint32_t rd_before = rb->rd;
-      Bytes out(len, 0xEE);
-      switch (rng() % 4) {
-        case 0: {
-          const Bytes in = pattern(len, seed += 977);
-          const size_t n = tq_ringbuf_write(rb.get(), in.data(), len);
-          ASSERT_EQ(n, std::min<size_t>(len, 3 * kChunk - model.size()));
-          model.insert(model.end(), in.begin(), in.begin() + static_cast<long>(n));
-          break;
+      const int op = static_cast<int>(rng() % 4);
+      if (op == 0) {
+        const Bytes in = pattern(len, seed += 977);
+        const size_t n = tq_ringbuf_write(rb.get(), in.data(), len);
+        ASSERT_EQ(n, std::min<size_t>(len, 3 * kChunk - model.size()));
+        model.insert(model.end(), in.begin(), in.begin() + long(n));
+      } else {  // read, peek, skip
+        Bytes out(len, 0xEE);
+        const size_t n = op == 1   ? tq_ringbuf_read(rb.get(), out.data(), len)
+                         : op == 2 ? tq_ringbuf_peek(rb.get(), out.data(), len)
+                                   : tq_ringbuf_skip(rb.get(), len);
+        ASSERT_EQ(n, std::min(len, model.size()));
+        if (op != 3) {
+          ASSERT_TRUE(std::equal(model.begin(), model.begin() + long(n), out.begin()));
         }
-        case 1: {
-          const size_t n = tq_ringbuf_read(rb.get(), out.data(), len);
-          ASSERT_EQ(n, std::min(len, model.size()));
-          ASSERT_TRUE(std::equal(out.begin(), out.begin() + static_cast<long>(n), model.begin()));
-          model.erase(model.begin(), model.begin() + static_cast<long>(n));
-          break;
-        }
-        case 2: {
-          const size_t n = tq_ringbuf_peek(rb.get(), out.data(), len);
-          ASSERT_EQ(n, std::min(len, model.size()));
-          ASSERT_TRUE(std::equal(out.begin(), out.begin() + static_cast<long>(n), model.begin()));
-          ASSERT_EQ(tq_ringbuf_used(rb.get()), used_before);
+        if (op == 2) {
           ASSERT_EQ(rb->rd, rd_before);
-          break;
-        }
-        case 3: {
-          const size_t n = tq_ringbuf_skip(rb.get(), len);
-          ASSERT_EQ(n, std::min(len, model.size()));
-          model.erase(model.begin(), model.begin() + static_cast<long>(n));
-          break;
+        } else {
+          model.erase(model.begin(), model.begin() + long(n));
         }
       }
       ASSERT_EQ(tq_ringbuf_used(rb.get()), model.size());
@@ -129,7 +119,8 @@ TEST_F(RingbufTest, ChunkBoundaries) {
   ASSERT_EQ(tq_ringbuf_write(rb.get(), in.data() + kChunk, 1), 1u);
   EXPECT_EQ(chunks_in(rb.get()), 2u);
 
-  // A peek across the boundary changes nothing.
+  // A peek across the boundary changes nothing; a read up to it gives the
+  // finished chunk back.
   tq_ringbuf_chunk_t *first = rb->first_chunk;
   Bytes out(kChunk + 1);
   ASSERT_EQ(tq_ringbuf_skip(rb.get(), kChunk - 3), kChunk - 3);
@@ -139,41 +130,34 @@ TEST_F(RingbufTest, ChunkBoundaries) {
   EXPECT_EQ(rb->rd, kChunk - 3);
   EXPECT_EQ(tq_ringbuf_used(rb.get()), 4u);
   EXPECT_EQ(tq_ringbuf_cache_count(), 0u);
-
-  // Reading up to the boundary gives the finished chunk back.
   ASSERT_EQ(tq_ringbuf_read(rb.get(), out.data(), 3), 3u);
   EXPECT_EQ(tq_ringbuf_cache_count(), 1u);
   EXPECT_EQ(chunks_in(rb.get()), 1u);
   EXPECT_NE(rb->first_chunk, first);
 
-  // Reading all bytes that end on a boundary leaves no chunk; the next
-  // write takes one from the cache.
+  // Reading all bytes that end on a boundary leaves no chunk; the next write
+  // takes one from the cache, and a read that stops inside it keeps it.
   rb.reset(tq_ringbuf_new(0));
   tq_ringbuf_deinit();
   ASSERT_EQ(tq_ringbuf_write(rb.get(), in.data(), kChunk), kChunk);
   ASSERT_EQ(tq_ringbuf_read(rb.get(), out.data(), kChunk), kChunk);
   EXPECT_EQ(rb->first_chunk, nullptr);
-  EXPECT_EQ(tq_ringbuf_used(rb.get()), 0u);
   EXPECT_EQ(tq_ringbuf_cache_count(), 1u);
   ASSERT_EQ(tq_ringbuf_write(rb.get(), in.data(), 5), 5u);
   EXPECT_NE(rb->first_chunk, nullptr);
   EXPECT_EQ(rb->last_chunk, rb->first_chunk);
   EXPECT_EQ(tq_ringbuf_cache_count(), 0u);
-  // A read that stops inside a chunk keeps it.
   ASSERT_EQ(tq_ringbuf_read(rb.get(), out.data(), 5), 5u);
   EXPECT_NE(rb->first_chunk, nullptr);
   EXPECT_EQ(tq_ringbuf_cache_count(), 0u);
 }
 
-TEST_F(RingbufTest, SizingAndTruncatedWrites) {
-  struct Case {
-    size_t size;
-    uint32_t chunks;
-  };
-  for (const Case &c : {Case{0, 1}, Case{0x20000, 1}, Case{0x7FFFF, 1}, Case{0x80000, 2},
-                        Case{0xBFFFF, 2}, Case{0xC0000, 3}, Case{78643200, 300}}) {
+TEST_F(RingbufTest, SizingTruncatedWritesAndClear) {
+  struct Case { size_t size; uint32_t chunks; };
+  // Below 512 KiB one chunk, else whole chunks rounded down.
+  for (const Case &c : {Case{0, 1}, Case{0x7FFFF, 1}, Case{0x80000, 2}, Case{0xBFFFF, 2},
+                        Case{78643200, 300}}) {
     Ring rb(tq_ringbuf_new(c.size));
-    EXPECT_EQ(rb->max_chunks, c.chunks) << c.size;
     EXPECT_EQ(tq_ringbuf_size(rb.get()), c.chunks * kChunk) << c.size;
   }
   Ring rb(tq_ringbuf_new(0x20000));
@@ -184,25 +168,21 @@ TEST_F(RingbufTest, SizingAndTruncatedWrites) {
   tq_ringbuf_clear(rb.get());
   EXPECT_EQ(tq_ringbuf_used(rb.get()), 0u);
   EXPECT_EQ(rb->first_chunk, nullptr);
-  EXPECT_EQ(rb->rd, 0u);
-  EXPECT_EQ(rb->wr, 0u);
+  EXPECT_EQ(std::pair(rb->rd, rb->wr), std::pair(0u, 0u));
   EXPECT_EQ(tq_ringbuf_cache_count(), 1u);
 }
 
 TEST_F(RingbufTest, CacheLimitAndPrealloc) {
-  tq_ringbuf_prealloc(0);
-  EXPECT_EQ(tq_ringbuf_cache_count(), 1u);
-  tq_ringbuf_prealloc(kChunk - 1);
-  EXPECT_EQ(tq_ringbuf_cache_count(), 2u);
-  tq_ringbuf_prealloc(kChunk);
-  EXPECT_EQ(tq_ringbuf_cache_count(), 4u);
-  tq_ringbuf_deinit();
-  EXPECT_EQ(tq_ringbuf_cache_count(), 0u);
-
-  // Five chunks given back under a limit of 2: the cache keeps 3.
+  // bytes / chunk + 1 chunks each time, also for 0 bytes.
+  for (auto [bytes, count] : {std::pair{size_t{0}, 1u}, {kChunk - 1, 2u}, {kChunk, 4u}}) {
+    tq_ringbuf_prealloc(bytes);
+    EXPECT_EQ(tq_ringbuf_cache_count(), count) << bytes;
+  }
+  // Five chunks given back: a limit of 2 lets the cache keep 3, 0 is no limit.
   const Bytes in = pattern(5 * kChunk, 8);
   for (uint32_t limit : {2u, 0u}) {
     tq_ringbuf_deinit();
+    EXPECT_EQ(tq_ringbuf_cache_count(), 0u);
     tq_ringbuf_set_cache_limit(limit);
     Ring rb(tq_ringbuf_new(5 * kChunk));
     ASSERT_EQ(tq_ringbuf_write(rb.get(), in.data(), in.size()), in.size());
@@ -229,15 +209,15 @@ TEST_F(RingbufTest, ToFdWritesWhatTheDescriptorTakes) {
   ASSERT_EQ(tq_ringbuf_write(rb.get(), in.data(), in.size()), in.size());
   const ssize_t n = tq_ringbuf_to_fd(rb.get(), fds[1], kChunk);
   ASSERT_GT(n, 100);
-  ASSERT_LT(n, static_cast<ssize_t>(kChunk));
-  EXPECT_EQ(tq_ringbuf_used(rb.get()), kChunk - static_cast<size_t>(n));
+  ASSERT_LT(n, ssize_t(kChunk));
+  EXPECT_EQ(tq_ringbuf_used(rb.get()), kChunk - size_t(n));
   Bytes got(static_cast<size_t>(n));
   ASSERT_EQ(read(fds[0], got.data(), got.size()), n);
   EXPECT_EQ(got, Bytes(in.begin(), in.begin() + n));
   EXPECT_EQ(tq_ringbuf_to_fd(rb.get(), fds[0], 10), -EBADF);  // the read end
   close(fds[0]);
   EXPECT_EQ(tq_ringbuf_to_fd(rb.get(), fds[1], 10), -EPIPE);
-  EXPECT_EQ(tq_ringbuf_used(rb.get()), kChunk - static_cast<size_t>(n));
+  EXPECT_EQ(tq_ringbuf_used(rb.get()), kChunk - size_t(n));
   close(fds[1]);
 }
 
@@ -248,36 +228,19 @@ TEST_F(RingbufDeathTest, BrokenInvariantsAreFatal) {
   const Bytes in = pattern(16, 0);
   Ring rb(tq_ringbuf_new(0));
   ASSERT_EQ(tq_ringbuf_write(rb.get(), in.data(), in.size()), in.size());
-
-  EXPECT_DEATH(
-      {
-        rb->last_chunk = nullptr;
-        (void)tq_ringbuf_write(rb.get(), in.data(), 1);
-      },
-      at + "tq_ringbuf_write\\(\\): ringbuf->last_chunk == \\(\\(void \\*\\)0\\)  "
-           "If first chunk exists, so must last\n");
-  EXPECT_DEATH(
-      {
-        rb->used = 17;  // one byte more than the chunks hold
-        rb->rd = kChunk - 16;
-        (void)tq_ringbuf_skip(rb.get(), 17);
-      },
-      at + "tq_ringbuf_read2\\(\\): !rd_chunk  \n");
-  EXPECT_DEATH(
-      {
-        rb->first_chunk->in_use = 0;
-        tq_ringbuf_clear(rb.get());
-      },
-      at + "tq_ringbuf_recycle\\(\\): !chunk->in_use  \n");
-  EXPECT_DEATH(
-      {
-        // A chunk marked in use although it sits in the cache.
-        tq_ringbuf_chunk_t *chunk = rb->first_chunk;
-        tq_ringbuf_clear(rb.get());
-        chunk->in_use = 1;
-        (void)tq_ringbuf_write(rb.get(), in.data(), 1);
-      },
-      at + "tq_ringbuf_chunk_new\\(\\): ret->in_use  \n");
+  tq_ringbuf_t *r = rb.get();
+  EXPECT_DEATH((r->last_chunk = nullptr, (void)tq_ringbuf_write(r, in.data(), 1)),
+               at + "tq_ringbuf_write\\(\\): ringbuf->last_chunk == \\(\\(void \\*\\)0\\)  "
+                    "If first chunk exists, so must last\n");
+  // One byte more used than the chunks hold.
+  EXPECT_DEATH((r->used = 17, r->rd = kChunk - 16, (void)tq_ringbuf_skip(r, 17)),
+               at + "tq_ringbuf_read2\\(\\): !rd_chunk  \n");
+  EXPECT_DEATH((r->first_chunk->in_use = 0, tq_ringbuf_clear(r)),
+               at + "tq_ringbuf_recycle\\(\\): !chunk->in_use  \n");
+  // A chunk marked in use although it sits in the cache.
+  tq_ringbuf_chunk_t *chunk = r->first_chunk;
+  EXPECT_DEATH((tq_ringbuf_clear(r), chunk->in_use = 1, (void)tq_ringbuf_write(r, in.data(), 1)),
+               at + "tq_ringbuf_chunk_new\\(\\): ret->in_use  \n");
 }
 
 }  // namespace

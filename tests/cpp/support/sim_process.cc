@@ -12,12 +12,12 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
-#include <cstring>
+#include <optional>
 #include <thread>
 
 #include "support/responder.h"
-#include "tq_ringbuf.h"
 #include "tqdb_api.h"
 
 namespace tqtest {
@@ -25,19 +25,19 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+Clock::time_point after(int ms) { return Clock::now() + std::chrono::milliseconds(ms); }
+
 int ms_left(Clock::time_point deadline) {
   const auto left =
       std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
   return left > 0 ? static_cast<int>(left) : 0;
 }
 
-// fork + exec of the simulator; the child's stdout and (when err_fd is
-// given) stderr go to the pipes' write ends.
+// fork + exec with stdout (and stderr when err_fd >= 0) redirected.
 pid_t spawn(const std::vector<std::string> &args, int out_fd, int err_fd) {
   const std::string bin = sim_binary();
   if (bin.empty()) return -1;
-  std::vector<char *> argv;
-  argv.push_back(const_cast<char *>(bin.c_str()));
+  std::vector<char *> argv{const_cast<char *>(bin.c_str())};
   for (const std::string &a : args) argv.push_back(const_cast<char *>(a.c_str()));
   argv.push_back(nullptr);
   const pid_t pid = fork();
@@ -50,8 +50,7 @@ pid_t spawn(const std::vector<std::string> &args, int out_fd, int err_fd) {
   return pid;
 }
 
-// Waits for pid to exit until the deadline: its exit code, -1 when it died
-// of a signal, nullopt when it is still running.
+// The exit code (-1: died of a signal); nullopt while running at the deadline.
 std::optional<int> reap(pid_t pid, Clock::time_point deadline) {
   for (;;) {
     int status = 0;
@@ -63,13 +62,21 @@ std::optional<int> reap(pid_t pid, Clock::time_point deadline) {
   }
 }
 
-void drain(int fd, std::string &into) {
-  char buf[4096];
-  for (;;) {
-    const ssize_t n = read(fd, buf, sizeof buf);
-    if (n <= 0) return;
-    into.append(buf, static_cast<size_t>(n));
-  }
+// Waits, killing pid when it outlives the timeout.
+int finish(pid_t pid, int timeout_ms) {
+  const auto code = reap(pid, after(timeout_ms));
+  if (code) return *code;
+  kill(pid, SIGKILL);
+  waitpid(pid, nullptr, 0);
+  return -1;
+}
+
+std::string contents(FILE *f) {
+  std::string s;
+  rewind(f);
+  for (int c; (c = fgetc(f)) != EOF;) s.push_back(static_cast<char>(c));
+  fclose(f);
+  return s;
 }
 
 }  // namespace
@@ -79,12 +86,6 @@ std::string sim_binary() {
   return bin ? bin : "";
 }
 
-// --- SimProcess ----------------------------------------------------------------------------
-
-SimProcess::~SimProcess() {
-  if (pid_ > 0) stop(2000);
-}
-
 bool SimProcess::start(const std::vector<std::string> &args, int timeout_ms) {
   int out[2];
   if (pipe2(out, O_CLOEXEC) != 0) return false;
@@ -92,16 +93,12 @@ bool SimProcess::start(const std::vector<std::string> &args, int timeout_ms) {
   all.insert(all.end(), {"--port", "0"});
   pid_ = spawn(all, out[1], -1);
   ::close(out[1]);
-  if (pid_ < 0) {
-    ::close(out[0]);
-    return false;
-  }
-  const auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
+  const auto deadline = after(timeout_ms);
   std::string text;
-  while (text.find('\n') == std::string::npos) {
+  while (pid_ > 0 && text.find('\n') == std::string::npos) {
     pollfd p{out[0], POLLIN, 0};
-    if (poll(&p, 1, ms_left(deadline)) <= 0) break;
     char buf[256];
+    if (poll(&p, 1, ms_left(deadline)) <= 0) break;
     const ssize_t n = read(out[0], buf, sizeof buf);
     if (n <= 0) break;
     text.append(buf, static_cast<size_t>(n));
@@ -116,9 +113,8 @@ bool SimProcess::start(const std::vector<std::string> &args, int timeout_ms) {
 }
 
 bool SimProcess::alive() {
-  if (pid_ <= 0) return false;
   int status = 0;
-  if (waitpid(pid_, &status, WNOHANG) == 0) return true;
+  if (pid_ > 0 && waitpid(pid_, &status, WNOHANG) == 0) return true;
   pid_ = -1;
   return false;
 }
@@ -126,51 +122,22 @@ bool SimProcess::alive() {
 int SimProcess::stop(int timeout_ms) {
   if (pid_ <= 0) return -1;
   kill(pid_, SIGTERM);
-  auto code = reap(pid_, Clock::now() + std::chrono::milliseconds(timeout_ms));
-  if (!code) {
-    kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
-  }
+  const int code = finish(pid_, timeout_ms);
   pid_ = -1;
-  return code.value_or(-1);
+  return code;
 }
 
 SimRun run_sim(const std::vector<std::string> &args, int timeout_ms) {
   SimRun run;
-  int out[2], err[2];
-  if (pipe2(out, O_CLOEXEC | O_NONBLOCK) != 0) return run;
-  if (pipe2(err, O_CLOEXEC | O_NONBLOCK) != 0) {
-    ::close(out[0]);
-    ::close(out[1]);
-    return run;
+  FILE *out = tmpfile(), *err = tmpfile();
+  if (out && err) {
+    const pid_t pid = spawn(args, fileno(out), fileno(err));
+    if (pid > 0) run.exit_code = finish(pid, timeout_ms);
   }
-  const pid_t pid = spawn(args, out[1], err[1]);
-  ::close(out[1]);
-  ::close(err[1]);
-  if (pid > 0) {
-    const auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
-    std::optional<int> code;
-    while (!(code = reap(pid, Clock::now()))) {
-      drain(out[0], run.out);
-      drain(err[0], run.err);
-      if (Clock::now() >= deadline) {
-        kill(pid, SIGKILL);
-        waitpid(pid, nullptr, 0);
-        code = -1;
-        break;
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    run.exit_code = *code;
-    drain(out[0], run.out);
-    drain(err[0], run.err);
-  }
-  ::close(out[0]);
-  ::close(err[0]);
+  if (out) run.out = contents(out);
+  if (err) run.err = contents(err);
   return run;
 }
-
-// --- plain sockets ----------------------------------------------------------------------------
 
 int connect_loopback(uint16_t port, int timeout_ms) {
   signal(SIGPIPE, SIG_IGN);
@@ -196,66 +163,49 @@ int connect_loopback(uint16_t port, int timeout_ms) {
 }
 
 bool wait_closed(int fd, int timeout_ms) {
-  const auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
+  const auto deadline = after(timeout_ms);
   for (;;) {
     char buf[4096];
     const ssize_t n = recv(fd, buf, sizeof buf, 0);
     if (n == 0 || (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK)) return true;
-    if (n > 0) continue;
     pollfd p{fd, POLLIN, 0};
-    if (poll(&p, 1, ms_left(deadline)) <= 0) return false;
+    if (n < 0 && poll(&p, 1, ms_left(deadline)) <= 0) return false;
   }
 }
 
-// --- SimClient -------------------------------------------------------------------------------
-
-SimClient::~SimClient() { close(); }
-
 bool SimClient::connect(uint16_t port, int timeout_ms) {
-  if (client_pubkey() == nullptr) return false;
-  fd_ = connect_loopback(port, timeout_ms);
-  if (fd_ < 0) return false;
+  if (client_pubkey() == nullptr || (fd_ = connect_loopback(port, timeout_ms)) < 0) return false;
   vindel_sock_init_initiator(&sock_, fd_, client_pubkey(), client_privkey());
   sock_ready_ = true;
-  const auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
-  for (;;) {
+  const auto deadline = after(timeout_ms);
+  for (int r = 0; r != 1;) {
     pollfd p{fd_, 0, 0};
     if (vindel_want_read(&sock_)) p.events |= POLLIN;
     if (vindel_want_write(&sock_)) p.events |= POLLOUT;
     if (poll(&p, 1, ms_left(deadline)) <= 0) return false;
-    const int r = vindel_handshake((p.revents & POLLIN) != 0, (p.revents & POLLOUT) != 0, &sock_);
+    r = vindel_handshake((p.revents & POLLIN) != 0, (p.revents & POLLOUT) != 0, &sock_);
     if (r < 0) return false;
-    if (r == 1) break;
   }
   h_.reset(tqdb_api_handle_new());
-  if (!h_) return false;
-  tqdb_api_handle_set_io(h_.get(), &sock_);
-  return true;
-}
-
-bool SimClient::queue_frame(uint32_t code, std::span<const uint8_t> payload) {
-  const Bytes bytes = frame(code, payload);
-  return tq_ringbuf_write(h_->wbuf, bytes.data(), bytes.size()) == bytes.size();
+  if (h_) tqdb_api_handle_set_io(h_.get(), &sock_);
+  return h_ != nullptr;
 }
 
 bool SimClient::flush(int timeout_ms) { return tqtest::flush(h_.get(), fd_, timeout_ms); }
 
 EnvPtr SimClient::next(int timeout_ms) {
-  if (!flush(timeout_ms)) return nullptr;
-  return await_msg(h_.get(), fd_, timeout_ms);
+  return flush(timeout_ms) ? await_msg(h_.get(), fd_, timeout_ms) : nullptr;
 }
 
 void SimClient::close(bool reset) {
   h_.reset();
   if (sock_ready_) vindel_sock_free(&sock_);
   sock_ready_ = false;
-  if (fd_ >= 0) {
-    if (reset) {
-      const linger hard{1, 0};
-      setsockopt(fd_, SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
-    }
-    ::close(fd_);
+  if (fd_ >= 0 && reset) {
+    const linger hard{1, 0};
+    setsockopt(fd_, SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
   }
+  if (fd_ >= 0) ::close(fd_);
   fd_ = -1;
 }
 
