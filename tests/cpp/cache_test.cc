@@ -7,6 +7,8 @@
 #include <regex>
 #include <set>
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "tq_cache.h"
@@ -155,25 +157,22 @@ TEST(Cache, WaterMarks) {
   ASSERT_TRUE(tq_cache_init(&cache, "spill", 200, 16, "cache.spill"));
   tq_cache_thread_init(&cache, &tc, 64, 32, 0);
   std::vector<void *> items = take(&tc, 64);  // two refills of 32
-  EXPECT_EQ(tc.count, 0u);
-  EXPECT_EQ(cache.avail, 136u);
+  using P = std::pair<size_t, size_t>;  // thread count, shared avail
+  const auto counts = [&] { return P(tc.count, cache.avail); };
+  EXPECT_EQ(counts(), P(0, 136));
   for (size_t i = 0; i < 63; ++i) tq_cache_put(&tc, items[i]);
-  EXPECT_EQ(tc.count, 63u);
-  EXPECT_EQ(cache.avail, 136u);
+  EXPECT_EQ(counts(), P(63, 136));
   tq_cache_put(&tc, items[63]);  // the 64th spills down to mid water
-  EXPECT_EQ(tc.count, 32u);
-  EXPECT_EQ(cache.avail, 168u);
+  EXPECT_EQ(counts(), P(32, 168));
   tq_cache_thread_flush(&cache, &tc);
   EXPECT_EQ(cache.avail, 200u);
 
   // Low water 2: a get at count 3 is served locally, at count 2 it refills.
   tq_cache_thread_init(&cache, &tc, 64, 8, 2);
   items = take(&tc, 6);
-  EXPECT_EQ(tc.count, 2u);
-  EXPECT_EQ(cache.avail, 192u);
+  EXPECT_EQ(counts(), P(2, 192));
   items.push_back(tq_cache_get(&tc));
-  EXPECT_EQ(tc.count, 9u);
-  EXPECT_EQ(cache.avail, 184u);
+  EXPECT_EQ(counts(), P(9, 184));
   for (void *p : items) tq_cache_put(&tc, p);
   tq_cache_thread_flush(&cache, &tc);
   tq_cache_deinit(&cache);
@@ -185,10 +184,8 @@ TEST(Cache, EmptyCacheGrowsByMidWaterInLeakedBlocks) {
   tq_cache_thread_t tc;
   tq_cache_thread_init(&g_grow_cache, &tc, 8, 4, 0);
   std::vector<void *> items = take(&tc, 4);
-  tq_malloc_stat_t s = stat_of("cache.grow");
-  EXPECT_EQ(s.leak_count, 1u);
-  EXPECT_EQ(s.leak_bytes, 5u * 24 + 63);
-  EXPECT_EQ(s.allocations, 0u);
+  const tq_malloc_stat_t s = stat_of("cache.grow");
+  EXPECT_EQ(std::tuple(s.leak_count, s.leak_bytes, s.allocations), std::tuple(1u, uint64_t{5 * 24 + 63}, 0u));
   const std::set<void *> first(items.begin(), items.end());
   EXPECT_EQ(reinterpret_cast<uintptr_t>(*first.begin()) % 64, 0u);
   items.push_back(tq_cache_get(&tc));  // the fifth needs a second block

@@ -1,9 +1,9 @@
-// The fixed hash table: its one allocation, capacity at the power-of-two
-// boundary, replacement, removal, chain order and iteration; MurmurHash3
-// against the published vectors and an independent reference.
+// The fixed hash table: one allocation, capacity at the power-of-two boundary,
+// replacement, removal, chain order, iteration; MurmurHash3 by published vectors.
 #include <gtest/gtest.h>
 
 #include <map>
+#include <utility>
 #include <vector>
 
 #include "tq_hashtable.h"
@@ -37,18 +37,13 @@ TEST(Murmur3, PublishedVectorsAndReference) {
     bytes in;
     uint32_t seed, want;
   } vectors[] = {
-      {{}, 0, 0}, {{}, 1, 0x514E28B7}, {{}, 0xffffffff, 0x81F16F39},
-      {{0xff, 0xff, 0xff, 0xff}, 0, 0x76293B50}, {{0x21, 0x43, 0x65, 0x87}, 0, 0xF55B516B},
+      {{}, 0, 0}, {{}, 1, 0x514E28B7}, {{}, 0xffffffff, 0x81F16F39}, {{0xff, 0xff, 0xff, 0xff}, 0, 0x76293B50},
       {{0x21, 0x43, 0x65, 0x87}, 0x5082EDEE, 0x2362F9DE}, {{0x21, 0x43, 0x65}, 0, 0x7E4A8634},
-      {{0x21, 0x43}, 0, 0xA0F7B07A}, {{0x21}, 0, 0x72661CF4}, {{0, 0, 0, 0}, 0, 0x2362F9DE},
-      {{0, 0, 0}, 0, 0x85F0B427}, {{0, 0}, 0, 0x30F4C306}, {{0}, 0, 0x514E28B7},
-      {{'a', 'a', 'a', 'a'}, 0x9747b28c, 0x5A97808A}, {{'a', 'a', 'a'}, 0x9747b28c, 0x283E0130},
-      {{'a'}, 0x9747b28c, 0x7FA09EA6},
+      {{0x21, 0x43}, 0, 0xA0F7B07A}, {{0x21}, 0, 0x72661CF4}, {{'a', 'a', 'a', 'a'}, 0x9747b28c, 0x5A97808A},
+      {{'a', 'a', 'a'}, 0x9747b28c, 0x283E0130}, {{'a'}, 0x9747b28c, 0x7FA09EA6},
   };
-  for (const auto &v : vectors) {
-    EXPECT_EQ(lib_murmur3(v.in, v.seed), v.want) << v.in.size() << " bytes, seed " << v.seed;
-    EXPECT_EQ(ref_murmur3(v.in, v.seed), v.want) << v.in.size() << " bytes, seed " << v.seed;
-  }
+  for (const auto &v : vectors)
+    for (auto fn : {lib_murmur3, ref_murmur3}) EXPECT_EQ(fn(v.in, v.seed), v.want) << v.in.size() << "/" << v.seed;
   bytes d;
   for (size_t n = 0; n <= 40; d.push_back(uint8_t(n++ * 37 + 0x81)))
     for (uint32_t seed : {0u, 0x9747b28cu, 0xffffffffu}) EXPECT_EQ(lib_murmur3(d, seed), ref_murmur3(d, seed)) << n;
@@ -56,7 +51,6 @@ TEST(Murmur3, PublishedVectorsAndReference) {
   // The table's default: the key's low 32 bits as one little-endian block.
   EXPECT_EQ(tq_hashtable_default_hash(0), 0x2362F9DEu);
   EXPECT_EQ(tq_hashtable_default_hash(0xabcd000087654321ull), 0xF55B516Bu);
-  EXPECT_EQ(tq_hashtable_default_hash(0xdeadbeef), ref_murmur3(le32(0xdeadbeef), 0));
 }
 
 uint64_t live_bytes() {
@@ -73,17 +67,21 @@ TEST(Hashtable, HoldsThePowerOfTwoAtOrAboveN) {
     const uint64_t before = live_bytes();
     tq_hashtable_t *t = tq_hashtable_new(7, nullptr, nullptr, c.n);
     EXPECT_EQ(live_bytes() - before, 48u + 32u * c.slots);  // one allocation
-    EXPECT_EQ(t->magic, 209999u);
     for (uint32_t k = 0; k < c.slots; ++k) ASSERT_TRUE(tq_hashtable_set(t, 1000 + k, k)) << k;
-    EXPECT_FALSE(tq_hashtable_set(t, 1000 + c.slots, 1));
+    EXPECT_FALSE(tq_hashtable_set(t, 2000, 1));
     EXPECT_TRUE(tq_hashtable_set(t, 1000, 5));  // replacing still works when full
     EXPECT_EQ(tq_hashtable_count(t), c.slots);
+    tq_hashtable_remove(t, 1000);
+    EXPECT_FALSE(tq_hashtable_remove_nonfatal(t, 1000));
+    EXPECT_EQ(tq_hashtable_count(t), c.slots - 1);
+    EXPECT_TRUE(tq_hashtable_set(t, 2000, 1));  // the freed entry is reused
+    EXPECT_FALSE(tq_hashtable_set(t, 2001, 1));
     tq_hashtable_free(t);
     EXPECT_EQ(live_bytes(), before);
   }
 }
 
-TEST(Hashtable, SetGetLookupRemove) {
+TEST(Hashtable, KeysCompareWhole) {
   tq_hashtable_t *t = tq_hashtable_new(0, nullptr, nullptr, 5);
   const uint64_t hi = 3ull << 40 | 3;  // hashes like 3, is not 3
   ASSERT_TRUE(tq_hashtable_set(t, hi, 333));
@@ -93,18 +91,9 @@ TEST(Hashtable, SetGetLookupRemove) {
   EXPECT_EQ(tq_hashtable_get(t, 3), 0u);
   uint64_t key = 0, value = 0;
   EXPECT_TRUE(tq_hashtable_lookup(t, hi, &key, &value));
-  EXPECT_EQ(key, hi);
-  EXPECT_EQ(value, 334u);
+  EXPECT_EQ(std::pair(key, value), std::pair(hi, uint64_t{334}));
   EXPECT_TRUE(tq_hashtable_lookup(t, hi, nullptr, nullptr));
   EXPECT_FALSE(tq_hashtable_lookup(t, 3, &key, &value));
-
-  for (uint64_t k = 1; k <= 7; ++k) ASSERT_TRUE(tq_hashtable_set(t, k * 11, k));
-  EXPECT_FALSE(tq_hashtable_set(t, 99, 1));
-  tq_hashtable_remove(t, hi);
-  EXPECT_FALSE(tq_hashtable_remove_nonfatal(t, hi));
-  EXPECT_EQ(tq_hashtable_count(t), 7u);
-  EXPECT_TRUE(tq_hashtable_set(t, 99, 1));  // the freed entry is reused
-  EXPECT_FALSE(tq_hashtable_set(t, 100, 1));
   tq_hashtable_free(t);
 }
 

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <regex>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "tq_log.h"
@@ -49,6 +50,12 @@ tq_malloc_stat_t stat_of(const char *label) {
   EXPECT_TRUE(tq_malloc_stat(label, &s)) << label;
   return s;
 }
+// bytes, entries, allocations, leak bytes, leak count
+using Counts = std::tuple<uint64_t, uint32_t, uint32_t, uint64_t, uint32_t>;
+Counts counts(const char *label) {
+  const tq_malloc_stat_t s = stat_of(label);
+  return {s.bytes, s.entries, s.allocations, s.leak_bytes, s.leak_count};
+}
 
 void *g_kept[16];  // intentional leaks stay reachable for the leak checker
 size_t g_nkept;
@@ -82,21 +89,13 @@ TEST(Malloc, StatisticsFollowAllocationsFreesAndLeaks) {
   void *a = tq_malloc_flags(label, 100, 0);
   void *b = tq_malloc_flags(label, 28, 0);
   std::memcpy(label, "XXXX", 4);
-  s = stat_of("stat.test");
-  EXPECT_STREQ(s.label, "stat.test");
-  EXPECT_EQ(s.bytes, 128u);
-  EXPECT_EQ(s.allocations, 2u);
-  EXPECT_EQ(s.entries, 2u);
+  EXPECT_STREQ(stat_of("stat.test").label, "stat.test");
+  EXPECT_EQ(counts("stat.test"), Counts(128, 2, 2, 0, 0));
   tq_free_flags(a);
   keep(tq_malloc_flags("stat.test", 40, TQ_MALLOC_INTENTIONAL_LEAK));
-  s = stat_of("stat.test");
-  EXPECT_EQ(s.bytes, 28u);
-  EXPECT_EQ(s.entries, 1u);
-  EXPECT_EQ(s.allocations, 2u);  // leaks count apart, and allocations never drop
-  EXPECT_EQ(s.leak_bytes, 40u);
-  EXPECT_EQ(s.leak_count, 1u);
+  EXPECT_EQ(counts("stat.test"), Counts(28, 1, 2, 40, 1));  // leaks count apart, allocations never drop
   tq_free_flags(b);
-  EXPECT_EQ(stat_of("stat.test").bytes, 0u);
+  EXPECT_EQ(counts("stat.test"), Counts(0, 0, 2, 40, 1));
 }
 
 TEST(Malloc, MisusedFreesAreReportedOnceAndLeftAlone) {
@@ -181,8 +180,9 @@ TEST(Malloc, ReportOrderFormatAndTotals) {
     ASSERT_TRUE(std::regex_match(log.lines[i], m, named)) << log.lines[i];
     if (m[2] == last) continue;
     last = m[2];
-    const tq_malloc_stat_t s = stat_of(last.c_str());
-    for (auto [k, v] : {std::pair{0, s.bytes}, {1, s.entries}, {2, s.allocations}, {3, s.leak_bytes}, {4, s.leak_count}})
+    const auto [bytes, entries, allocations, leak_bytes, leak_count] = counts(last.c_str());
+    for (auto [k, v] : {std::pair<int, uint64_t>{0, bytes}, {1, entries}, {2, allocations}, {3, leak_bytes},
+                        {4, leak_count}})
       sum[k] += v;
   }
   char want[2][160];
