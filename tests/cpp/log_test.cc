@@ -7,10 +7,13 @@
 #include <string>
 #include <vector>
 
+#include "support/log_capture.h"
 #include "tq_log.h"
 #include "tq_msg.h"
 
 namespace {
+
+using tqtest::re_escape;
 
 // The facility table as the appliance documents it, kept apart from the
 // library's own table so that a slip there shows up.
@@ -27,15 +30,6 @@ const std::vector<std::string> kNames = {
 unsigned default_level(const std::string &name) {
   if (name.find("Audit") != std::string::npos) return 4;
   return name == "DEBUG" ? 7 : 6;
-}
-
-std::string re_escape(const std::string &s) {
-  std::string out;
-  for (char c : s) {
-    if (std::strchr("\\^$.|?*+()[]{}", c) != nullptr) out += '\\';
-    out += c;
-  }
-  return out;
 }
 
 // Builds level tables byte by byte, independently of the put primitives.

@@ -9,28 +9,14 @@
 #include <tuple>
 #include <vector>
 
+#include "support/log_capture.h"
 #include "tq_log.h"
 #include "tq_malloc.h"
 
 namespace {
 
-struct LogCapture {  // printed lines through the sink, stderr quiet
-  std::vector<std::string> lines;
-  LogCapture() {
-    tq_log_set_sink([](const char *l, void *c) { static_cast<LogCapture *>(c)->lines.emplace_back(l); }, this);
-    tq_log_set_stderr(false);
-    tq_log_set_threshold(TQ_LOG_VERBOSE);
-  }
-  ~LogCapture() {
-    tq_log_set_sink(nullptr, nullptr);
-    tq_log_set_stderr(true);
-    tq_log_reset_levels();
-  }
-};
-
-std::string re_escape(const std::string &s) {
-  return std::regex_replace(s, std::regex(R"([\\^$.|?*+()\[\]{}])"), R"(\$&)");
-}
+using tqtest::re_escape;
+using tqtest::LogCapture;
 
 // "[General:Warning] TQ-BADNESS at common/malloc.cc:<n>/tq_free_flags(): FREE: pointer <p> <what>"
 std::string free_badness(const void *p, const char *what) {
