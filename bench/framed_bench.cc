@@ -61,11 +61,14 @@ struct SenderReport {
 // How the two ends move bytes.
 enum class Mode { kFramed, kPlain };
 
+// A bare socket call's result with "try again" told apart as -2, the way
+// would_block() expects it in plain mode.
+ssize_t plain_result(ssize_t r) { return r < 0 && (errno == EAGAIN || errno == EWOULDBLOCK) ? -2 : r; }
+
 // One socket call of the sender: vindel_write, or a bare send of plain bytes.
 ssize_t send_once(Mode mode, vindel_sock_t *sock, uint8_t *buf, size_t n) {
   if (mode == Mode::kFramed) return vindel_write(buf, n, sock);
-  const ssize_t r = send(static_cast<int>(sock->fd), buf, n, 0);
-  return r < 0 && (errno == EAGAIN || errno == EWOULDBLOCK) ? -2 : r;
+  return plain_result(send(static_cast<int>(sock->fd), buf, n, 0));
 }
 bool would_block(Mode mode, ssize_t r) {
   return mode == Mode::kFramed ? r < 0 && vindel_sock_error() == VINDEL_WOULDBLOCK : r == -2;
@@ -122,8 +125,7 @@ bool receive(Mode mode, vindel_sock_t *sock, tq_ringbuf_t *rx, std::vector<uint8
     if (mode == Mode::kFramed) {
       r = vindel_read(buf.data(), std::min<size_t>(buf.size(), tq_ringbuf_free_space(rx)), sock);
     } else {
-      r = recv(fd, buf.data(), buf.size(), 0);
-      if (r < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) r = -2;
+      r = plain_result(recv(fd, buf.data(), buf.size(), 0));
     }
     if (r > 0) {
       if (mode == Mode::kPlain) {
