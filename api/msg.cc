@@ -176,3 +176,9 @@ uint32_t tqdb_api_request_finish(tqdb_api_handle_t *h, tq_msg_t *req, uint32_t c
   tq_msg_free(req);
   return queued ? cid : 0;
 }
+
+void tqdb_api_put(tq_msg_t *m, uint8_t v) { tq_msg_put_uint8(m, v); }
+void tqdb_api_put(tq_msg_t *m, uint16_t v) { tq_msg_put_uint16(m, v); }
+void tqdb_api_put(tq_msg_t *m, uint32_t v) { tq_msg_put_uint32(m, v); }
+void tqdb_api_put(tq_msg_t *m, int32_t v) { tq_msg_put_int32(m, v); }
+void tqdb_api_put(tq_msg_t *m, const char *s) { tq_msg_put_string(m, s); }

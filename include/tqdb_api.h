@@ -24,6 +24,13 @@ struct tq_ringbuf_t;
 struct tq_list_t;
 struct vindel_sock_t;
 
+// One request field by its C++ type (see tqdb_api_send).
+void tqdb_api_put(tq_msg_t *m, uint8_t v);
+void tqdb_api_put(tq_msg_t *m, uint16_t v);
+void tqdb_api_put(tq_msg_t *m, uint32_t v);
+void tqdb_api_put(tq_msg_t *m, int32_t v);
+void tqdb_api_put(tq_msg_t *m, const char *s);
+
 // --- message types (api/msg) ----------------------------------------------------------
 enum tqdb_api_msg_type : uint32_t {
   TQDB_API_MSG_TYPE_AUTH = 0,
@@ -160,6 +167,15 @@ uint32_t tqdb_api_request(tqdb_api_handle_t *h, uint32_t code, uint32_t session,
 // A request that is the header alone.
 inline uint32_t tqdb_api_request(tqdb_api_handle_t *h, uint32_t code, uint32_t session) {
   return tqdb_api_request(h, code, session, [](tq_msg_t *) {});
+}
+
+// A request whose body is its fields in order, each put by its type:
+// uint8_t, uint16_t, uint32_t, int32_t as big-endian integers, const char *
+// as a string (nullptr: the null string). The common shape of most requests:
+//   return tqdb_api_send(h, TQDB_REQ_OBJECT_REMOVE, session, type, id);
+template <class... Fields>
+uint32_t tqdb_api_send(tqdb_api_handle_t *h, uint32_t code, uint32_t session, Fields... fields) {
+  return tqdb_api_request(h, code, session, [&](tq_msg_t *m) { (tqdb_api_put(m, fields), ...); });
 }
 
 // --- version, authentication, sessions (api/auth) -----------------------------------------

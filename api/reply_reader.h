@@ -1,0 +1,90 @@
+// Reading a reply body the way the ruleset decoders must: a field that runs
+// past the body reads as zero (or an empty text), the envelope's
+// corrupt-message callback is told once, naming the decoder and the place
+// of the field, and reading goes on with the next field, so a body cut short
+// yields records with empty tails rather than no records.
+//
+//   tq::ReplyReader r(env, "tqdb_api_object_list_handle");
+//   o->id = r.u32();
+//   r.text(o->name);
+//   if (!r.ok()) ...   // some field was short
+//
+// The place reported is the caller's source line, so a report points at the
+// field that was missing.
+#ifndef TQDB_API_REPLY_READER_H
+#define TQDB_API_REPLY_READER_H
+
+#include <cstddef>
+#include <cstdint>
+#include <source_location>
+
+#include "tq_msg.h"
+#include "tqdb_api.h"
+#include "tqdb_api_ruleset.h"
+
+namespace tq {
+
+class ReplyReader {
+ public:
+  using Where = std::source_location;
+
+  ReplyReader(tqdb_api_msg_t *env, const char *decoder) : env_(env), decoder_(decoder) {}
+
+  tq_msg_t *msg() const { return env_->msg; }
+  uint32_t left() const { return tq_msg_avail_bytes(env_->msg); }
+  // No field has been short so far.
+  bool ok() const { return ok_; }
+
+  uint8_t u8(Where w = Where::current()) {
+    uint8_t v = 0;
+    check(tq_msg_get_uint8(env_->msg, &v), w);
+    return v;
+  }
+  uint16_t u16(Where w = Where::current()) {
+    uint16_t v = 0;
+    check(tq_msg_get_uint16(env_->msg, &v), w);
+    return v;
+  }
+  uint32_t u32(Where w = Where::current()) {
+    uint32_t v = 0;
+    check(tq_msg_get_uint32(env_->msg, &v), w);
+    return v;
+  }
+  int32_t i32(Where w = Where::current()) {
+    int32_t v = 0;
+    check(tq_msg_get_int32(env_->msg, &v), w);
+    return v;
+  }
+  // A text cut to size - 1 characters; empty when short.
+  void text(char *buf, size_t size, Where w = Where::current()) {
+    if (!check(tq_msg_get_string_len(env_->msg, buf, size), w)) buf[0] = '\0';
+  }
+  template <size_t N>
+  void text(char (&buf)[N], Where w = Where::current()) {
+    text(buf, N, w);
+  }
+  // The four audit texts, in wire order.
+  void audit(tqdb_api_audit_t &a, Where w = Where::current()) {
+    text(a.creator, w);
+    text(a.creation_date, w);
+    text(a.modified_by, w);
+    text(a.modification_date, w);
+  }
+
+ private:
+  bool check(bool read, const Where &w) {
+    if (!read) {
+      ok_ = false;
+      tqdb_api_msg_corrupt(env_, decoder_, w.file_name(), static_cast<int>(w.line()));
+    }
+    return read;
+  }
+
+  tqdb_api_msg_t *env_;
+  const char *decoder_;
+  bool ok_ = true;
+};
+
+}  // namespace tq
+
+#endif
