@@ -1,0 +1,96 @@
+#include "statefile.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "util.h"
+
+namespace tqsim {
+
+namespace {
+
+bool failed(std::string &why, std::string_view step, const std::string &file, int err) {
+  why = std::string(step) + " " + file + ": " + std::strerror(err);
+  return false;
+}
+
+std::string directory_of(const std::string &path) {
+  const auto slash = path.rfind('/');
+  if (slash == std::string::npos) return ".";
+  if (slash == 0) return "/";
+  return path.substr(0, slash);
+}
+
+bool write_all(int fd, std::string_view data) {
+  while (!data.empty()) {
+    const ssize_t n = ::write(fd, data.data(), data.size());
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return false;
+    }
+    data.remove_prefix(static_cast<std::size_t>(n));
+  }
+  return true;
+}
+
+// Writes and syncs the temporary file; the caller removes it on failure.
+bool write_temporary(const std::string &tmp, std::string_view contents, std::string &why) {
+  UniqueFd fd(::open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+  if (!fd) return failed(why, "cannot create", tmp, errno);
+  if (!write_all(fd.get(), contents)) return failed(why, "cannot write", tmp, errno);
+  if (::fsync(fd.get()) != 0) return failed(why, "cannot sync", tmp, errno);
+  // close() reports late write errors (e.g. on network file systems).
+  if (::close(fd.release()) != 0) return failed(why, "cannot close", tmp, errno);
+  return true;
+}
+
+}  // namespace
+
+bool save_atomically(const std::string &path, std::string_view contents, std::string &why) {
+  const std::string tmp = path + ".tmp." + std::to_string(::getpid());
+  if (!write_temporary(tmp, contents, why)) {
+    ::unlink(tmp.c_str());
+    return false;
+  }
+  if (::rename(tmp.c_str(), path.c_str()) != 0) {
+    const int err = errno;
+    ::unlink(tmp.c_str());
+    return failed(why, "cannot rename " + tmp + " to", path, err);
+  }
+  // The rename is durable only once the directory entry is on disk. Some
+  // file systems cannot sync a directory (EINVAL); there is nothing more to do.
+  const std::string dir = directory_of(path);
+  UniqueFd dfd(::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!dfd) return failed(why, "cannot open directory", dir, errno);
+  if (::fsync(dfd.get()) != 0 && errno != EINVAL)
+    return failed(why, "cannot sync directory", dir, errno);
+  return true;
+}
+
+bool load_file(const std::string &path, std::string &contents, bool &missing, std::string &why) {
+  contents.clear();
+  missing = false;
+  UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!fd) {
+    if (errno == ENOENT) {
+      missing = true;
+      return true;
+    }
+    return failed(why, "cannot open", path, errno);
+  }
+  char buf[65536];
+  for (;;) {
+    const ssize_t n = ::read(fd.get(), buf, sizeof buf);
+    if (n == 0) return true;
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      contents.clear();
+      return failed(why, "cannot read", path, errno);
+    }
+    contents.append(buf, static_cast<std::size_t>(n));
+  }
+}
+
+}  // namespace tqsim
