@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "answer.h"
 #include "tq_log.h"
 #include "tq_msg.h"
 #include "util.h"
@@ -15,6 +16,14 @@ bool Body::fail(std::string why) {
 
 bool Body::u8(uint8_t &v) {
   return fault_.empty() && tq_msg_get_uint8(msg_, &v) ? true : fail("body too short");
+}
+
+bool Body::u16(uint16_t &v) {
+  return fault_.empty() && tq_msg_get_uint16(msg_, &v) ? true : fail("body too short");
+}
+
+bool Body::i32(int32_t &v) {
+  return fault_.empty() && tq_msg_get_int32(msg_, &v) ? true : fail("body too short");
 }
 
 bool Body::u32(uint32_t &v) {
@@ -48,6 +57,8 @@ bool Body::end() {
   return fail(format("%u unexpected bytes after the body", left));
 }
 
+uint32_t Body::left() const { return fault_.empty() ? tq_msg_avail_bytes(msg_) : 0; }
+
 void Call::ok() { reply(reply_ok(session, cid)); }
 void Call::error(std::string_view text) { reply(reply_error(session, cid, text)); }
 void Call::lock(std::string_view text) { reply(reply_lock(session, cid, text)); }
@@ -65,6 +76,29 @@ ResourceData *Call::edit(Resource &r) {
   return &r.data;
 }
 
+void Call::answer(const Out &body) {
+  Msg m = data();
+  if (m) tq_msg_put_data(m.get(), body.bytes().data(), body.size());
+  reply(std::move(m));
+}
+
+ResourceData *Call::change(Resource &r) {
+  if (r.holder != 0 && (sess == nullptr || r.holder != sess->id)) {
+    lock(lock_text(store, r));
+    return nullptr;
+  }
+  if (r.holder == 0) {
+    error("No transaction open on resource " + resource_label(r) + ": begin one first");
+    return nullptr;
+  }
+  return &r.data;
+}
+
+const ResourceData &Call::view(const Resource &r) const {
+  const bool holder = sess != nullptr && r.holder == sess->id;
+  return !holder && r.snapshot ? *r.snapshot : r.data;
+}
+
 std::string resource_label(const Resource &r) {
   return format("%u (%s)", r.id, r.name.c_str());
 }
@@ -76,7 +110,12 @@ std::string lock_text(const Store &store, const Resource &r) {
 namespace {
 
 using Family = std::span<const Route> (*)();
-constexpr Family kFamilies[] = {family_core, family_resource};
+constexpr Family kFamilies[] = {
+    family_core,           family_resource,         family_object,
+    family_shapingobject,  family_fwrule,           family_shapingrule,
+    family_statisticsrule, family_ruleattr,        family_ruleconditions,   family_dynamicliveview,
+    family_statisticsobject, family_ipfixobject,
+};
 
 }  // namespace
 

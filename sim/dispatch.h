@@ -32,6 +32,7 @@ struct tq_msg_t;
 namespace tqsim {
 
 struct Options;
+class Out;
 
 // Reads a request body field by field. The first failure is remembered as
 // the reason the body is malformed; reads after a failure fail too.
@@ -40,17 +41,22 @@ class Body {
   explicit Body(tq_msg_t *msg) : msg_(msg) {}
 
   [[nodiscard]] bool u8(uint8_t &v);
+  [[nodiscard]] bool u16(uint16_t &v);
   [[nodiscard]] bool u32(uint32_t &v);
+  [[nodiscard]] bool i32(int32_t &v);
   [[nodiscard]] bool u64(uint64_t &v);
   // A message string; a null string (count 0) reads as empty with *null set.
   [[nodiscard]] bool text(std::string &out, bool *null = nullptr);
   // True when the whole body has been read.
   [[nodiscard]] bool end();
+  // Bytes not read yet (0 after a failure).
+  [[nodiscard]] uint32_t left() const;
 
   const std::string &fault() const { return fault_; }
+  // Marks the body malformed for why (the first reason is kept); false.
+  bool fail(std::string why);
 
  private:
-  bool fail(std::string why);
   tq_msg_t *msg_;
   std::string fault_;
 };
@@ -93,9 +99,17 @@ struct Call {
   // "Malformed request 0x10201: body too short"
   void malformed();
   Msg data() const { return reply_data(session, cid); }
+  // One DATA reply with body as its body.
+  void answer(const Out &body);
   // The live contents of r for a change by this call's session; when
   // another session holds r, answers LOCK and returns null.
   ResourceData *edit(Resource &r);
+  // As edit, but the change must be part of this session's own transaction
+  // on r: without one the answer is an ERROR that says to begin one.
+  ResourceData *change(Resource &r);
+  // What this session sees of r: its own changes while it holds r, the last
+  // committed contents while another session does.
+  const ResourceData &view(const Resource &r) const;
 };
 
 enum class Header { kNone, kSessionCid };
@@ -113,6 +127,16 @@ struct Route {
 
 std::span<const Route> family_core();
 std::span<const Route> family_resource();
+std::span<const Route> family_object();
+std::span<const Route> family_shapingobject();
+std::span<const Route> family_fwrule();
+std::span<const Route> family_shapingrule();
+std::span<const Route> family_statisticsrule();
+std::span<const Route> family_ruleattr();
+std::span<const Route> family_ruleconditions();
+std::span<const Route> family_dynamicliveview();
+std::span<const Route> family_statisticsobject();
+std::span<const Route> family_ipfixobject();
 
 // What every connection receives once its handshake is done: the version
 // word and the texts "tqdbsim" and "17.1.0" (the word decoded).

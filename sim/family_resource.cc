@@ -1,6 +1,10 @@
 // Transactions and resource locks: begin, commit, rollback, the resource
 // list, stealing a lock, and the proxy settings of resource records.
+#include <cstdio>
+
 #include "dispatch.h"
+#include "options.h"
+#include "state.h"
 #include "tq_msg.h"
 #include "tqdb_api.h"
 #include "util.h"
@@ -43,12 +47,26 @@ void begin(Call &c) {
   c.reply(std::move(m));
 }
 
+// The ruleset and the live views outlive the process when --state names a
+// file: each commit of either writes both. A failed write is reported on
+// stderr; the commit stands.
+void save_committed(Call &c, uint32_t resource) {
+  const std::string &path = c.hub.options().state_file;
+  if (path.empty() ||
+      (resource != TQDB_RESOURCE_RULESET && resource != TQDB_RESOURCE_DYNAMICLIVEVIEW))
+    return;
+  std::string why;
+  if (!save_state(c.store, path, why)) std::fprintf(stderr, "tqdbsim: %s\n", why.c_str());
+}
+
 // Body: string commit message, kept as the commit id's log text.
 void commit(Call &c) {
   std::string text;
   if (!c.in.text(text) || !c.in.end()) return c.malformed();
   if (c.sess->open == 0) return c.error(idle_text(*c.sess));
+  const uint32_t resource = c.sess->open;
   const tq_commitid_t id = c.store.commit(*c.sess, text, c.hub.now());
+  save_committed(c, resource);
   Msg m = c.data();
   if (m) put_commitid(m.get(), id);
   c.reply(std::move(m));

@@ -4,7 +4,8 @@
 //   tqdbsim --port 17100 --user admin:admin [--user ops:secret] [--version 0x6100]
 //
 // Prints "tqdbsim listening on HOST:PORT" once ready; SIGINT or SIGTERM stop
-// it cleanly (exit 0). Bad arguments: usage on stderr, exit 2.
+// it cleanly (exit 0). Bad arguments, or a --state file that cannot be
+// read: a message on stderr, exit 2.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -45,6 +46,10 @@ bool install_stop_pipe(tqsim::UniqueFd &read_end, tqsim::UniqueFd &write_end) {
 int serve(const tqsim::Options &opts, int stop_fd) {
   tqsim::Server server(opts);
   std::string why;
+  if (!server.load(why)) {
+    std::fprintf(stderr, "tqdbsim: %s\n", why.c_str());
+    return 2;
+  }
   if (!server.listen(why)) {
     std::fprintf(stderr, "tqdbsim: %s\n", why.c_str());
     return 1;

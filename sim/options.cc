@@ -25,13 +25,17 @@ bool parse_number(std::string_view text, T max, T &out) {
 
 const char *usage_text() {
   return "usage: tqdbsim [--host ADDR] [--port N] [--user NAME:PASSWORD]... [--version WORD] "
-         "[--verbose]\n"
+         "[--state FILE] [--max-reply-bytes N] [--verbose]\n"
          "  --host ADDR           address to listen on (default 127.0.0.1)\n"
          "  --port N              TCP port (default 17100; 0 picks a free one)\n"
          "  --user NAME:PASSWORD  an account that may log in; repeat for more\n"
          "                        (default admin:admin when none is given)\n"
          "  --version WORD        protocol version word announced to clients\n"
          "                        (default 0x6080, 17.1.0)\n"
+         "  --state FILE          load the ruleset and live views from FILE (JSON) at start\n"
+         "                        and save them there after every commit of either\n"
+         "  --max-reply-bytes N   cut list answers into messages of at most N bytes\n"
+         "                        (64 to 32768, default 32768)\n"
          "  --verbose             log connections and requests on stderr\n"
          "Prints \"tqdbsim listening on HOST:PORT\" once ready; stops on SIGINT or SIGTERM.\n";
 }
@@ -62,7 +66,8 @@ ParseResult parse_options(int argc, char **argv, Options &opts, std::string &why
       opts.verbose = true;
       continue;
     }
-    if (arg != "--host" && arg != "--port" && arg != "--user" && arg != "--version") {
+    if (arg != "--host" && arg != "--port" && arg != "--user" && arg != "--version" &&
+        arg != "--state" && arg != "--max-reply-bytes") {
       why = "unknown argument '" + std::string(arg) + "'";
       return ParseResult::kBad;
     }
@@ -79,6 +84,18 @@ ParseResult parse_options(int argc, char **argv, Options &opts, std::string &why
     } else if (arg == "--port") {
       if (!parse_number<uint16_t>(value, 65535, opts.port)) {
         why = "bad port '" + std::string(value) + "'";
+        return ParseResult::kBad;
+      }
+    } else if (arg == "--state") {
+      if (value.empty()) {
+        why = "--state needs a file name";
+        return ParseResult::kBad;
+      }
+      opts.state_file = value;
+    } else if (arg == "--max-reply-bytes") {
+      if (!parse_number<uint32_t>(value, kMaxReplyBytes, opts.max_reply_bytes) ||
+          opts.max_reply_bytes < kMinReplyBytes) {
+        why = "bad --max-reply-bytes '" + std::string(value) + "' (64 to 32768)";
         return ParseResult::kBad;
       }
     } else if (arg == "--version") {

@@ -10,6 +10,8 @@ namespace tqsim {
 
 inline constexpr uint32_t kDefaultVersionWord = 0x6080;  // 17.1.0
 inline constexpr uint16_t kDefaultPort = 17100;
+inline constexpr uint32_t kMaxReplyBytes = 32768;  // a message's capacity
+inline constexpr uint32_t kMinReplyBytes = 64;
 
 struct User {
   std::string name;
@@ -22,6 +24,11 @@ struct Options {
   uint32_t version = kDefaultVersionWord;
   std::vector<User> users;       // admin:admin when none is given
   bool verbose = false;
+  // Largest reply message (payload bytes, header words included) a list
+  // answer is cut into; a single record larger than this still goes alone.
+  uint32_t max_reply_bytes = kMaxReplyBytes;
+  // Where the committed ruleset and live views are kept; empty: in memory only.
+  std::string state_file;
 };
 
 enum class ParseResult { kRun, kHelp, kBad };

@@ -13,6 +13,7 @@
 #include <sys/socket.h>
 #include <vector>
 
+#include "state.h"
 #include "tq_msg.h"
 
 namespace tqsim {
@@ -59,6 +60,10 @@ void Server::log(const char *fmt, ...) const {
   std::vfprintf(stderr, fmt, ap);
   std::fputc('\n', stderr);
   va_end(ap);
+}
+
+bool Server::load(std::string &why) {
+  return opts_.state_file.empty() || load_state(store_, opts_.state_file, why);
 }
 
 bool Server::listen(std::string &why) {

@@ -29,6 +29,8 @@ class Server final : public Hub {
   explicit Server(Options opts);
   ~Server() override;
 
+  // Loads --state when given; false (with why) when the file is broken.
+  [[nodiscard]] bool load(std::string &why);
   // Binds and listens; false (with why) when the address cannot be used.
   [[nodiscard]] bool listen(std::string &why);
   uint16_t port() const { return port_; }

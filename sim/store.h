@@ -26,6 +26,7 @@
 #include <string_view>
 #include <vector>
 
+#include "ruleset.h"
 #include "tq_commitid.h"
 
 namespace tqsim {
@@ -45,6 +46,10 @@ struct ProxySettings {
 struct ResourceData {
   // Resource "resource" (11): proxy settings by resource record id.
   std::map<uint32_t, ProxySettings> proxies;
+  // Resource "ruleset" (1).
+  Ruleset ruleset;
+  // Resource "dynamicliveview" (23).
+  LiveViews liveviews;
 };
 
 struct Resource {
