@@ -434,6 +434,7 @@ uint32_t tqdb_api_statisticsobject_remove(tqdb_api_handle_t *h, uint32_t session
 uint32_t tqdb_api_statisticsobject_rename(tqdb_api_handle_t *h, uint32_t session, uint32_t id,
                                           const char *name);
 tq_list_t *tqdb_api_statisticsobject_list_handle(tqdb_api_msg_t *env, tq_list_t *list);
+void tqdb_api_statisticsobject_list_free(tq_list_t *list);  // flat records
 
 struct tqdb_api_ipfixobject_t {
   uint32_t id;
@@ -451,6 +452,7 @@ uint32_t tqdb_api_ipfixobject_remove(tqdb_api_handle_t *h, uint32_t session, uin
 uint32_t tqdb_api_ipfixobject_rename(tqdb_api_handle_t *h, uint32_t session, uint32_t id,
                                      const char *name);
 tq_list_t *tqdb_api_ipfixobject_list_handle(tqdb_api_msg_t *env, tq_list_t *list);
+void tqdb_api_ipfixobject_list_free(tq_list_t *list);  // flat records
 
 // --- rules (api/fwrule, api/shapingrule, api/statisticsrule) ----------------------------------
 struct tqdb_api_fwrule_t {
