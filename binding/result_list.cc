@@ -1,5 +1,6 @@
 #include "result_list.h"
 
+#include "rows.h"
 #include "tqdb_objects.h"
 
 #include <array>
@@ -11,6 +12,10 @@
 #include "tq_malloc.h"
 
 namespace tqpy {
+
+void release_with_records(tq_list_t *list) { tq_list_free_with_data(list); }
+void release_nodes(tq_list_t *list) { tq_list_free(list); }
+
 namespace {
 
 // --- record fields -------------------------------------------------------------------------
@@ -20,6 +25,45 @@ T load(const std::byte *p) {
   T v;
   std::memcpy(&v, p, sizeof v);
   return v;
+}
+
+// One element of a nested list of a record.
+OwnedRef nested_value(FieldKind kind, const void *data) {
+  switch (kind) {
+    case FieldKind::Items:
+      return item_to_dict(static_cast<const tqdb_api_object_item_t *>(data));
+    case FieldKind::Limits: {
+      const auto *limit = static_cast<const tqdb_api_shapingobject_limit_t *>(data);
+      auto t = OwnedRef::check(PyTuple_New(6));
+      for (Py_ssize_t i = 0; i < 6; ++i)
+        PyTuple_SET_ITEM(t.get(), i, int_u64(limit->v[i]).release());
+      return t;
+    }
+    case FieldKind::CondItems: {
+      const auto *item = static_cast<const tqdb_api_rule_condition_item_t *>(data);
+      return make_value(ValueId::Item, int_u64(item->conditiontype), int_u64(item->objectid));
+    }
+    case FieldKind::Distributions: {
+      const auto *d = static_cast<const tqdb_api_dynamicliveview_distribution_t *>(data);
+      return make_value(ValueId::Distribution, text_field(d->distribution, sizeof d->distribution),
+                        text_field(d->argument, sizeof d->argument));
+    }
+    case FieldKind::Filters: {
+      const auto *f = static_cast<const tqdb_api_dynamicliveview_filter_t *>(data);
+      auto values = OwnedRef::check(PyList_New(0));
+      for (const tq_list_t *n = f->values; n; n = n->next) {
+        const auto *v = static_cast<const tqdb_api_dynamicliveview_filter_value_t *>(n->data);
+        if (!v) continue;
+        OwnedRef t = text_field(v->value, sizeof v->value);
+        check_status(PyList_Append(values.get(), t.get()));
+      }
+      return make_value(ValueId::Filter, text_field(f->key, sizeof f->key), int_u64(f->op),
+                        std::move(values));
+    }
+    default:
+      break;
+  }
+  raise_text(PyExc_SystemError, "not a nested list kind");
 }
 
 OwnedRef field_value(const Field &f, const std::byte *record) {
@@ -48,6 +92,29 @@ OwnedRef field_value(const Field &f, const std::byte *record) {
     }
     case FieldKind::IntList:
       return intlisttopython(load<const tq_list_t *>(p));
+    case FieldKind::FlagBit:
+      return boolean((load<uint8_t>(p) & f.mask) != 0);
+    case FieldKind::U8Array: {
+      auto out = OwnedRef::check(PyList_New(0));
+      for (size_t i = 0; i < f.size; ++i) {
+        OwnedRef v = int_u64(load<uint8_t>(p + i));
+        check_status(PyList_Append(out.get(), v.get()));
+      }
+      return out;
+    }
+    case FieldKind::Items:
+    case FieldKind::Limits:
+    case FieldKind::CondItems:
+    case FieldKind::Distributions:
+    case FieldKind::Filters: {
+      auto out = OwnedRef::check(PyList_New(0));
+      for (const tq_list_t *n = load<const tq_list_t *>(p); n; n = n->next) {
+        if (!n->data) continue;
+        OwnedRef v = nested_value(f.kind, n->data);
+        check_status(PyList_Append(out.get(), v.get()));
+      }
+      return out;
+    }
   }
   raise_text(PyExc_SystemError, "unknown field kind");
 }
@@ -80,10 +147,8 @@ OwnedRef convert_record(const ListClass &cls, const tq_list_t *node) {
   return dict;
 }
 
-void release_with_records(tq_list_t *list) { tq_list_free_with_data(list); }
-void release_nodes(tq_list_t *list) { tq_list_free(list); }
-
-// --- field tables ---------------------------------------------------------------------------------
+// --- field tables
+// ---------------------------------------------------------------------------------
 
 using Res = tqdb_api_resource_real_t;
 constexpr Field kResourceFields[] = {
@@ -106,12 +171,13 @@ constexpr Field kResourceFields[] = {
 // its field table.
 constexpr std::span<const Field> kNoFieldsYet{};
 
-ListClass record_list(ListId id, const char *name, std::span<const Field> fields) {
+ListClass record_list(ListId id, const char *name, std::span<const Field> fields,
+                      ReleaseList release = release_with_records) {
   return ListClass{.id = id,
                    .name = name,
                    .doc = "A decoded list; convert(unused) gives a list of dicts.",
                    .convert_node = convert_record,
-                   .release = release_with_records,
+                   .release = release,
                    .fields = fields};
 }
 
@@ -119,12 +185,17 @@ ListClass record_list(ListId id, const char *name, std::span<const Field> fields
 std::array<ListClass, 44> g_classes = {
     record_list(ListId::TQResList, "TQResList", kResourceFields),
     record_list(ListId::LevelList, "LevelList", kNoFieldsYet),
-    record_list(ListId::TQObjList, "TQObjList", kNoFieldsYet),
-    record_list(ListId::TQShapingObjList, "TQShapingObjList", kNoFieldsYet),
-    record_list(ListId::TQStatisticsObjList, "TQStatisticsObjList", kNoFieldsYet),
-    record_list(ListId::TQIpfixObjList, "TQIpfixObjList", kNoFieldsYet),
-    record_list(ListId::TQDynamicLiveViewList, "TQDynamicLiveViewList", kNoFieldsYet),
-    record_list(ListId::TQRuleConditionList, "TQRuleConditionList", kNoFieldsYet),
+    record_list(ListId::TQObjList, "TQObjList", g_object_fields, tqdb_api_object_list_free),
+    record_list(ListId::TQShapingObjList, "TQShapingObjList", g_shapingobject_fields,
+                tqdb_api_shapingobject_list_free),
+    record_list(ListId::TQStatisticsObjList, "TQStatisticsObjList", g_statisticsobject_fields,
+                tqdb_api_statisticsobject_list_free),
+    record_list(ListId::TQIpfixObjList, "TQIpfixObjList", g_ipfixobject_fields,
+                tqdb_api_ipfixobject_list_free),
+    record_list(ListId::TQDynamicLiveViewList, "TQDynamicLiveViewList", g_dynamicliveview_fields,
+                tqdb_api_dynamicliveview_list_free),
+    record_list(ListId::TQRuleConditionList, "TQRuleConditionList", g_rulecondition_fields,
+                tqdb_api_ruleconditions_list_free),
     ListClass{.id = ListId::TQIntList,
               .name = "TQIntList",
               .doc = "TQIntList(values=()) -> a C list of integers; convert(unused) gives "
@@ -132,10 +203,12 @@ std::array<ListClass, 44> g_classes = {
               .convert_node = convert_int,
               .release = release_nodes,
               .fields = {}},
-    record_list(ListId::TQFwList, "TQFwList", kNoFieldsYet),
+    record_list(ListId::TQFwList, "TQFwList", g_fwrule_fields, tqdb_api_fwrule_list_free),
     record_list(ListId::TQMonitorIfaceList, "TQMonitorIfaceList", kNoFieldsYet),
-    record_list(ListId::TQShapingList, "TQShapingList", kNoFieldsYet),
-    record_list(ListId::TQStatisticsList, "TQStatisticsList", kNoFieldsYet),
+    record_list(ListId::TQShapingList, "TQShapingList", g_shapingrule_fields,
+                tqdb_api_shapingrule_list_free),
+    record_list(ListId::TQStatisticsList, "TQStatisticsList", g_statisticsrule_fields,
+                tqdb_api_statisticsrule_list_free),
     record_list(ListId::TQGraphList, "TQGraphList", kNoFieldsYet),
     record_list(ListId::TQConnlogList, "TQConnlogList", kNoFieldsYet),
     record_list(ListId::TQServicesList, "TQServicesList", kNoFieldsYet),
@@ -267,7 +340,7 @@ OwnedRef fn_intlisttopython(PyObject *args, PyObject *kwds) {
   return intlisttopython(as_result_list(a[0])->list);
 }
 
-uint32_t arg_u32(PyObject *o) {
+uint32_t address_word(PyObject *o) {
   const long long v = compat::int_as_ll(o);
   if (v == -1 && PyErr_Occurred()) throw_python_error();
   if (v < 0 || v > UINT32_MAX) raise_text(PyExc_OverflowError, "address word out of range");
@@ -278,7 +351,7 @@ OwnedRef fn_ipv4tostr(PyObject *args, PyObject *kwds) {
   static const char *const names[] = {"addr", nullptr};
   PyObject *a[1]{};
   parse_args(args, kwds, "ipv4tostr", names, 1, a);
-  return text(ipv4_text(arg_u32(a[0])));
+  return text(ipv4_text(address_word(a[0])));
 }
 
 OwnedRef fn_ipv6tostr(PyObject *args, PyObject *kwds) {
@@ -289,7 +362,8 @@ OwnedRef fn_ipv6tostr(PyObject *args, PyObject *kwds) {
   if (PySequence_Fast_GET_SIZE(seq.get()) != 4)
     raise_text(PyExc_ValueError, "ipv6tostr() takes four words");
   uint32_t words[4];
-  for (Py_ssize_t i = 0; i < 4; ++i) words[i] = arg_u32(PySequence_Fast_GET_ITEM(seq.get(), i));
+  for (Py_ssize_t i = 0; i < 4; ++i)
+    words[i] = address_word(PySequence_Fast_GET_ITEM(seq.get(), i));
   return text(ipv6_text(words));
 }
 
@@ -302,6 +376,9 @@ PyMethodDef g_result_list_functions[] = {
                 "ipv4tostr(addr) -> 'a.b.c.d' for an address as a 32-bit integer."),
     TQ_FUNCTION("TQDBv17_1.ipv6tostr", "ipv6tostr", fn_ipv6tostr,
                 "ipv6tostr(words) -> eight hex groups for four 32-bit words, without '::'."),
+    TQ_FUNCTION("TQDBv17_1.setup_item", "setup_item", fn_setup_item,
+                "setup_item(type, item) -> the item dict as an object of that type keeps it "
+                "(the record object_item_add and object_item_update send)."),
     TQ_METHOD_END,
 };
 
@@ -339,16 +416,18 @@ void list_types_fill() {
   for (ListClass &c : g_classes) {
     if (c.qualname.empty()) c.qualname = std::string(kModuleName) + "." + c.name;
     const bool is_base = &c.type == base;
-    type_fill(c.type, TypeDesc{.name = c.qualname.c_str(),
-                               .doc = c.doc,
-                               .basicsize = sizeof(ResultListObject),
-                               .base = is_base ? nullptr : base,
-                               .subclassable = true,
-                               .tp_new = is_base ? new_entry<TQ_SITE("TQDBv17_1.ResultList.__new__"),
-                                                             result_list_new>
-                                                 : nullptr,
-                               .tp_dealloc = is_base ? result_list_dealloc : nullptr,
-                               .methods = is_base ? g_result_list_methods : nullptr});
+    type_fill(
+        c.type,
+        TypeDesc{.name = c.qualname.c_str(),
+                 .doc = c.doc,
+                 .basicsize = sizeof(ResultListObject),
+                 .base = is_base ? nullptr : base,
+                 .subclassable = true,
+                 .tp_new = is_base
+                               ? new_entry<TQ_SITE("TQDBv17_1.ResultList.__new__"), result_list_new>
+                               : nullptr,
+                 .tp_dealloc = is_base ? result_list_dealloc : nullptr,
+                 .methods = is_base ? g_result_list_methods : nullptr});
     if (c.keys.size() != c.fields.size()) {
       c.keys.clear();
       for (const Field &f : c.fields) {

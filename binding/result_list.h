@@ -41,6 +41,13 @@ enum class FieldKind {
   IPv4,     // u32 in host order -> "a.b.c.d"
   IPv6,     // u32[4] in host order -> eight groups of hex, no "::"
   IntList,  // tq_list_t * of integers -> [int, ...]
+  FlagBit,  // u8 & mask -> bool
+  U8Array,  // u8[size] -> [int, ...]
+  Items,    // tq_list_t * of object item records -> [dict, ...] (by the item layout table)
+  Limits,   // tq_list_t * of shaping limits -> [6-tuple, ...]
+  CondItems,      // tq_list_t * of rule condition items -> [Item, ...]
+  Distributions,  // tq_list_t * of live view distributions -> [Distribution, ...]
+  Filters,        // tq_list_t * of live view filters -> [Filter, ...], values as [str, ...]
 };
 
 struct Field {
@@ -48,10 +55,15 @@ struct Field {
   size_t offset;    // offsetof in the record
   FieldKind kind;
   size_t size;      // sizeof the member (bounds Text)
+  uint32_t mask = 0;  // FlagBit: the bit
 };
 
 #define TQ_FIELD(Record, member, kind, key) \
   ::tqpy::Field { key, offsetof(Record, member), ::tqpy::FieldKind::kind, sizeof(Record::member) }
+#define TQ_FLAG_BIT(Record, member, bit, key)                                      \
+  ::tqpy::Field {                                                                \
+    key, offsetof(Record, member), ::tqpy::FieldKind::FlagBit, sizeof(Record::member), bit \
+  }
 
 struct ListClass;
 // The value of one node; throws with a Python error set on failure.

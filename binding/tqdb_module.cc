@@ -7,6 +7,7 @@
 // integer constants, the classes and the module functions as attributes.
 #include "constants.h"
 #include "result_list.h"
+#include "rows.h"
 #include "tqdb_objects.h"
 #include "vindel_object.h"
 
@@ -149,6 +150,7 @@ OwnedRef module_body() {
   plain_types_fill();
   session_type_fill();
   handle_type_fill();
+  value_types_fill();
   for (size_t i = 0; PyTypeObject *t = ordered_type(i); ++i) type_ready(*t);
 
   // 4. The transport's class.
@@ -167,6 +169,8 @@ OwnedRef module_body() {
     module_add(m.get(), c.name, int_i64(c.value));
   for (size_t i = 0; PyTypeObject *t = ordered_type(i); ++i)
     module_add(m.get(), short_name(t), OwnedRef::incref(reinterpret_cast<PyObject *>(t)));
+  // The value classes of the ruleset lists (Item, Distribution, Filter).
+  value_types_ready(m.get());
   // The module functions (intlisttopython, ipv4tostr, ipv6tostr) came with
   // the module itself.
   return m;

@@ -175,7 +175,7 @@ inline uint32_t tqdb_api_request(tqdb_api_handle_t *h, uint32_t code, uint32_t s
 //   return tqdb_api_send(h, TQDB_REQ_OBJECT_REMOVE, session, type, id);
 template <class... Fields>
 uint32_t tqdb_api_send(tqdb_api_handle_t *h, uint32_t code, uint32_t session, Fields... fields) {
-  return tqdb_api_request(h, code, session, [&](tq_msg_t *m) { (tqdb_api_put(m, fields), ...); });
+  return tqdb_api_request(h, code, session, [&]([[maybe_unused]] tq_msg_t *m) { (tqdb_api_put(m, fields), ...); });
 }
 
 // --- version, authentication, sessions (api/auth) -----------------------------------------

@@ -103,7 +103,7 @@ class SimRuleset : public testing::Test {
 };
 
 TEST_F(SimRuleset, ListAnswerIsCutAtRecordsAndEndedByOk) {
-  start({"--max-reply-bytes", "64"});
+  ASSERT_NO_FATAL_FAILURE(start({"--max-reply-bytes", "64"}));
   ASSERT_EQ(begin(a_), kData);
   for (const char *name : {"s1", "s2", "s3"})
     added_id(a_.ask(TQDB_REQ_STATISTICSOBJECT_ADD, name, uint8_t{0}, uint32_t{0}, uint32_t{0}, uint32_t{60}));
@@ -143,7 +143,7 @@ TEST_F(SimRuleset, ListAnswerIsCutAtRecordsAndEndedByOk) {
 }
 
 TEST_F(SimRuleset, TransactionsIsolateAndRollBack) {
-  start();
+  ASSERT_NO_FATAL_FAILURE(start());
   Client b;
   ASSERT_TRUE(b.open(sim_.port()));
   EXPECT_TRUE(Is(a_.ask(TQDB_REQ_OBJECT_ADD, uint8_t{0}, "lan", uint32_t{0}), kErr,
@@ -162,7 +162,7 @@ TEST_F(SimRuleset, TransactionsIsolateAndRollBack) {
 }
 
 TEST_F(SimRuleset, BadItemsAreRefused) {
-  start();
+  ASSERT_NO_FATAL_FAILURE(start());
   ASSERT_EQ(begin(a_), kData);
   for (uint8_t t = 0; t < TQDB_OBJECT_TYPE_COUNT; ++t)
     ASSERT_EQ(added_id(a_.ask(TQDB_REQ_OBJECT_ADD, t, "o", uint32_t{0})), 1u);
@@ -209,7 +209,7 @@ TEST_F(SimRuleset, BadItemsAreRefused) {
 }
 
 TEST_F(SimRuleset, ReferencedRecordsAreProtected) {
-  start();
+  ASSERT_NO_FATAL_FAILURE(start());
   ASSERT_EQ(begin(a_), kData);
   added_id(a_.ask(TQDB_REQ_OBJECT_ADD, uint8_t{0}, "lan", uint32_t{0}));
   added_id(a_.ask(TQDB_REQ_RULECONDITIONS_ADD, "web", uint8_t{0}));
@@ -235,7 +235,7 @@ TEST_F(SimRuleset, StateSurvivesARestart) {
   ASSERT_GE(fd, 0);
   close(fd);
   unlink(path);  // a missing file starts empty
-  start({"--state", path});
+  ASSERT_NO_FATAL_FAILURE(start({"--state", path}));
   ASSERT_EQ(begin(a_), kData);
   added_id(a_.ask(TQDB_REQ_OBJECT_ADD, uint8_t{0}, "kept", uint32_t{0}));
   added_id(a_.ask(TQDB_REQ_OBJECT_ADD, uint8_t{0}, "dropped", uint32_t{0}));
@@ -244,7 +244,7 @@ TEST_F(SimRuleset, StateSurvivesARestart) {
   a_.c.close();
   EXPECT_EQ(sim_.stop(), 0);
 
-  start({"--state", path});
+  ASSERT_NO_FATAL_FAILURE(start({"--state", path}));
   const auto objects = a_.net_objects();
   ASSERT_EQ(objects.size(), 1u);
   EXPECT_EQ(std::get<1>(objects[0]), "kept");

@@ -129,6 +129,32 @@ class Client(object):
         return self._take(lambda m: m.get_cid() == cid and m.get_type() not in (
             T.MSG_TYPE_BCAST_COMMIT, T.MSG_TYPE_DETACHED))
 
+    def answer(self, cid):
+        """Every DATA message of a multi-message answer, up to the OK that ends it.
+        Any other type ends it too and is returned last."""
+        got = []
+        while True:
+            m = self.reply(cid)
+            got.append(m)
+            if m.get_type() != T.MSG_TYPE_DATA:
+                return got
+
+    def listing(self, cid, decode):
+        """A list answer decoded message by message into one list object, converted."""
+        l = None
+        msgs = self.answer(cid)
+        assert msgs[-1].get_type() == T.MSG_TYPE_OK, msgs[-1].get_error()
+        for m in msgs[:-1]:
+            l = decode(m, l)
+        return l.convert(None) if l is not None else []
+
+    def call(self, cid, want=None):
+        """The single reply to a request, checked against the wanted type when given."""
+        m = self.reply(cid)
+        if want is not None and m.get_type() != want:
+            raise AssertionError('type %d, wanted %d: %s' % (m.get_type(), want, m.get_error()))
+        return m
+
     def login(self, user='admin', pwd='admin'):
         self.handle.auth(user, pwd)
         return self.handle.auth_handle(self.wait_type(T.MSG_TYPE_AUTH))

@@ -134,7 +134,8 @@ class ConversionTest(unittest.TestCase):
             pass
         self.assertEqual(Mine(iter([1, 2])).convert(0), [1, 2])
         classes = [getattr(T, n) for n in dir(T) if isinstance(getattr(T, n), type)]
-        self.assertEqual(len(classes), 50)
+        values = set([T.Item, T.Distribution, T.Filter])  # module-level value classes
+        self.assertEqual(len(set(classes) - values), 50)
         lists = [c for c in classes if issubclass(c, T.ResultList)]
         self.assertEqual(len(lists), 44)  # all but six
         for c in lists:
