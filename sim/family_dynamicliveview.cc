@@ -16,21 +16,21 @@ namespace {
 
 constexpr uint8_t kTagView = 0, kTagDistribution = 1, kTagFilter = 2, kTagValue = 3;
 
-template <class LV>
-auto find(Call &c, LV &lv, uint32_t id) -> decltype(&lv.views.begin()->second) {
-  auto it = lv.views.find(id);
-  if (it != lv.views.end()) return &it->second;
-  c.error(format("No live view %u", id));
-  return nullptr;
-}
+bool read_name(Body &in, LiveView &v) { return in.text(v.name); }
 
-std::string check_view_name(const LiveViews &lv, const std::string &name, uint32_t except) {
-  if (auto e = check_name("name", name); !e.empty()) return e;
-  for (const auto &[id, v] : lv.views)
-    if (id != except && v.name == name)
-      return format("A live view named '%s' already exists: live view %u", name.c_str(), id);
-  return {};
-}
+// Live views are named by number in texts; nothing refers to them.
+constexpr NamedKind<LiveView, LiveViews> kViews{
+    change_liveviews,
+    &LiveViews::views,
+    &LiveViews::last_view,
+    [](uint32_t id) { return format("No live view %u", id); },
+    [](const LiveViews &, const std::string &name, uint32_t other) {
+      return format("A live view named '%s' already exists: live view %u", name.c_str(), other);
+    },
+    nullptr,
+    read_name,
+    nullptr,
+};
 
 template <class V, class F>
 void reversed(const V &v, F f) {
@@ -43,8 +43,7 @@ void list(Call &c) {
   const LiveViews &lv = view_liveviews(c);
   for (auto it = lv.views.rbegin(); it != lv.views.rend(); ++it) {
     const LiveView &v = it->second;
-    a.out().u8(kTagView).u32(v.id).text(v.name).text(v.audit.creator);
-    a.out().text(v.audit.creation_date).text(v.audit.modified_by).text(v.audit.modification_date);
+    put_audit(a.out().u8(kTagView).u32(v.id).text(v.name), v.audit);
     a.next();
     reversed(v.distributions, [&](const LiveDistribution &d) {
       a.out().u8(kTagDistribution).u32(d.id).u32(v.id).text(d.distribution).text(d.argument);
@@ -60,42 +59,6 @@ void list(Call &c) {
     });
   }
   a.finish();
-}
-
-// Body: string name.
-void add(Call &c) {
-  LiveView v;
-  if (!c.in.text(v.name) || !c.in.end()) return c.malformed();
-  LiveViews *lv = change_liveviews(c);
-  if (!lv) return;
-  if (auto e = check_view_name(*lv, v.name, 0); !e.empty()) return c.error(e);
-  v.id = ++lv->last_view;
-  const std::string now = now_text(c);
-  audit_create(v.audit, user_of(c), now);
-  lv->views[v.id] = std::move(v);
-  answer_added(c, lv->last_view, now);
-}
-
-void remove(Call &c) {
-  uint32_t id = 0;
-  if (!c.in.u32(id) || !c.in.end()) return c.malformed();
-  LiveViews *lv = change_liveviews(c);
-  if (!lv || !find(c, *lv, id)) return;
-  lv->views.erase(id);
-  answer_stamp(c, now_text(c));
-}
-
-void rename(Call &c) {
-  uint32_t id = 0;
-  std::string name;
-  if (!c.in.u32(id) || !c.in.text(name) || !c.in.end()) return c.malformed();
-  LiveViews *lv = change_liveviews(c);
-  LiveView *v = lv ? find(c, *lv, id) : nullptr;
-  if (!v) return;
-  if (auto e = check_view_name(*lv, name, id); !e.empty()) return c.error(e);
-  v->name = std::move(name);
-  audit_change(v->audit, user_of(c), now_text(c));
-  answer_stamp(c, v->audit.modification_date);
 }
 
 // Body: u32 id; u32 n, n times (string distribution, string argument);
@@ -124,7 +87,7 @@ void update(Call &c) {
   }
   if (!c.in.end()) return c.malformed();
   LiveViews *lv = change_liveviews(c);
-  LiveView *v = lv ? find(c, *lv, id) : nullptr;
+  LiveView *v = lv ? find_named(c, kViews, *lv, id) : nullptr;
   if (!v) return;
   std::string e;
   for (const LiveDistribution &d : fresh.distributions) {
@@ -144,18 +107,21 @@ void update(Call &c) {
   }
   v->distributions = std::move(fresh.distributions);
   v->filters = std::move(fresh.filters);
-  audit_change(v->audit, user_of(c), now_text(c));
+  touch(c, *v);
   answer_stamp(c, v->audit.modification_date);
 }
 
 constexpr auto H = Header::kSessionCid;
 constexpr auto S = Access::kSession;
 constexpr Route kRoutes[] = {
-    {TQDB_REQ_DYNAMICLIVEVIEW_ADD, "dynamicliveview_add", H, S, add},
-    {TQDB_REQ_DYNAMICLIVEVIEW_REMOVE, "dynamicliveview_remove", H, S, remove},
+    {TQDB_REQ_DYNAMICLIVEVIEW_ADD, "dynamicliveview_add", H, S,
+     [](Call &c) { add_named(c, kViews); }},
+    {TQDB_REQ_DYNAMICLIVEVIEW_REMOVE, "dynamicliveview_remove", H, S,
+     [](Call &c) { remove_named(c, kViews); }},
     {TQDB_REQ_DYNAMICLIVEVIEW_LIST, "dynamicliveview_list", H, S, list},
     {TQDB_REQ_DYNAMICLIVEVIEW_UPDATE, "dynamicliveview_update", H, S, update},
-    {TQDB_REQ_DYNAMICLIVEVIEW_RENAME, "dynamicliveview_rename", H, S, rename},
+    {TQDB_REQ_DYNAMICLIVEVIEW_RENAME, "dynamicliveview_rename", H, S,
+     [](Call &c) { rename_named(c, kViews); }},
 };
 
 }  // namespace

@@ -48,10 +48,6 @@ bool read_item(Body &in, uint32_t type, Item &item) {
   return true;
 }
 
-void put_audit(Out &out, const Audit &a) {
-  out.text(a.creator).text(a.creation_date).text(a.modified_by).text(a.modification_date);
-}
-
 void put_item(Out &out, uint32_t type, const Item &item) {
   out.u8(kTagItem).u8(static_cast<uint8_t>(type)).u32(item.id);
   const auto fields = item_fields(type);
@@ -97,6 +93,14 @@ auto find_object(Call &c, RS &rs, uint8_t type, uint32_t id) -> decltype(&rs.obj
   return nullptr;
 }
 
+// The object id of type for a change: checks the type, opens the change and
+// finds the object; null after answering the refusal.
+Object *changed_object(Call &c, Ruleset *&rs, uint8_t type, uint32_t id) {
+  if (!object_type_ok(c, type)) return nullptr;
+  rs = change_ruleset(c);
+  return rs ? find_object(c, *rs, type, id) : nullptr;
+}
+
 // The item with id in the objects of type, with its object; answers the
 // refusal when there is none.
 std::pair<Object *, Item *> find_item(Call &c, Ruleset &rs, uint8_t type, uint32_t id) {
@@ -124,8 +128,6 @@ std::string parent_problem(const Ruleset &rs, uint8_t type, uint32_t parent) {
   if (parent == 0 || rs.objects[type].contains(parent)) return {};
   return missing_text(object_ref(type, parent)) + " to be the parent";
 }
-
-void touch(Call &c, Audit &a) { audit_change(a, user_of(c), now_text(c)); }
 
 // --- handlers ---------------------------------------------------------------------------
 
@@ -189,9 +191,8 @@ void remove(Call &c) {
   uint8_t type = 0;
   uint32_t id = 0;
   if (!c.in.u8(type) || !c.in.u32(id) || !c.in.end()) return c.malformed();
-  if (!object_type_ok(c, type)) return;
-  Ruleset *rs = change_ruleset(c);
-  if (!rs || !find_object(c, *rs, type, id)) return;
+  Ruleset *rs = nullptr;
+  if (!changed_object(c, rs, type, id)) return;
   Tree &tree = rs->objects[type];
   for (const auto &[child, o] : tree) {
     if (o.parent == id)
@@ -209,15 +210,14 @@ void rename(Call &c) {
   uint32_t id = 0;
   std::string name;
   if (!c.in.u8(type) || !c.in.u32(id) || !c.in.text(name) || !c.in.end()) return c.malformed();
-  if (!object_type_ok(c, type)) return;
-  Ruleset *rs = change_ruleset(c);
-  Object *o = rs ? find_object(c, *rs, type, id) : nullptr;
+  Ruleset *rs = nullptr;
+  Object *o = changed_object(c, rs, type, id);
   if (!o) return;
   std::string e = check_name("name", name);
   if (e.empty()) e = name_clash(*rs, type, o->parent, name, id);
   if (!e.empty()) return c.error(e);
   o->name = std::move(name);
-  touch(c, o->audit);
+  touch(c, *o);
   answer_stamp(c, o->audit.modification_date);
 }
 
@@ -226,12 +226,11 @@ void set_visible(Call &c) {
   uint8_t type = 0, visible = 0;
   uint32_t id = 0;
   if (!c.in.u8(type) || !c.in.u32(id) || !c.in.u8(visible) || !c.in.end()) return c.malformed();
-  if (!object_type_ok(c, type)) return;
-  Ruleset *rs = change_ruleset(c);
-  Object *o = rs ? find_object(c, *rs, type, id) : nullptr;
+  Ruleset *rs = nullptr;
+  Object *o = changed_object(c, rs, type, id);
   if (!o) return;
   o->visible = visible ? 1 : 0;
-  touch(c, o->audit);
+  touch(c, *o);
   c.ok();
 }
 
@@ -240,9 +239,8 @@ void move(Call &c) {
   uint8_t type = 0;
   uint32_t id = 0, parent = 0;
   if (!c.in.u8(type) || !c.in.u32(id) || !c.in.u32(parent) || !c.in.end()) return c.malformed();
-  if (!object_type_ok(c, type)) return;
-  Ruleset *rs = change_ruleset(c);
-  Object *o = rs ? find_object(c, *rs, type, id) : nullptr;
+  Ruleset *rs = nullptr;
+  Object *o = changed_object(c, rs, type, id);
   if (!o) return;
   std::string e = parent_problem(*rs, type, parent);
   if (e.empty() && in_subtree(rs->objects[type], parent, id))
@@ -252,7 +250,7 @@ void move(Call &c) {
   if (e.empty()) e = name_clash(*rs, type, parent, o->name, id);
   if (!e.empty()) return c.error(e);
   o->parent = parent;
-  touch(c, o->audit);
+  touch(c, *o);
   answer_stamp(c, o->audit.modification_date);
 }
 
@@ -263,9 +261,8 @@ void copy(Call &c) {
   uint8_t type = 0;
   uint32_t id = 0, parent = 0;
   if (!c.in.u8(type) || !c.in.u32(id) || !c.in.u32(parent) || !c.in.end()) return c.malformed();
-  if (!object_type_ok(c, type)) return;
-  Ruleset *rs = change_ruleset(c);
-  if (!rs || !find_object(c, *rs, type, id)) return;
+  Ruleset *rs = nullptr;
+  if (!changed_object(c, rs, type, id)) return;
   Tree &tree = rs->objects[type];
   if (auto e = parent_problem(*rs, type, parent); !e.empty()) return c.error(e);
   if (in_subtree(tree, parent, id))
@@ -309,9 +306,8 @@ void unlink_object(Call &c) {
   uint8_t type = 0;
   uint32_t id = 0;
   if (!c.in.u8(type) || !c.in.u32(id) || !c.in.end()) return c.malformed();
-  if (!object_type_ok(c, type)) return;
-  Ruleset *rs = change_ruleset(c);
-  if (!rs || !find_object(c, *rs, type, id)) return;
+  Ruleset *rs = nullptr;
+  if (!changed_object(c, rs, type, id)) return;
   unlink(*rs, object_ref(type, id));
   c.ok();
 }
@@ -332,13 +328,12 @@ void comments_set(Call &c) {
   std::string text;
   if (!c.in.u8(type) || !c.in.u32(id) || !c.in.text(text) || !c.in.u32(zero) || !c.in.end())
     return c.malformed();
-  if (!object_type_ok(c, type)) return;
-  Ruleset *rs = change_ruleset(c);
-  Object *o = rs ? find_object(c, *rs, type, id) : nullptr;
+  Ruleset *rs = nullptr;
+  Object *o = changed_object(c, rs, type, id);
   if (!o) return;
   if (auto e = check_text("comments", text, kCommentsMax); !e.empty()) return c.error(e);
   o->comments = std::move(text);
-  touch(c, o->audit);
+  touch(c, *o);
   answer_stamp(c, o->audit.modification_date);
 }
 
@@ -358,14 +353,13 @@ void attr_set(Call &c) {
   std::string key, value;
   if (!c.in.u8(type) || !c.in.u32(id) || !c.in.text(key) || !c.in.text(value) || !c.in.end())
     return c.malformed();
-  if (!object_type_ok(c, type)) return;
-  Ruleset *rs = change_ruleset(c);
-  Object *o = rs ? find_object(c, *rs, type, id) : nullptr;
+  Ruleset *rs = nullptr;
+  Object *o = changed_object(c, rs, type, id);
   if (!o) return;
   const std::string whose = label(*rs, object_ref(type, id), true);
   if (auto e = set_attribute(o->attributes, whose, std::move(key), std::move(value)); !e.empty())
     return c.error(e);
-  touch(c, o->audit);
+  touch(c, *o);
   c.ok();
 }
 
@@ -375,14 +369,13 @@ void attr_remove(Call &c) {
   uint32_t id = 0;
   std::string key;
   if (!c.in.u8(type) || !c.in.u32(id) || !c.in.text(key) || !c.in.end()) return c.malformed();
-  if (!object_type_ok(c, type)) return;
-  Ruleset *rs = change_ruleset(c);
-  Object *o = rs ? find_object(c, *rs, type, id) : nullptr;
+  Ruleset *rs = nullptr;
+  Object *o = changed_object(c, rs, type, id);
   if (!o) return;
   if (auto e = remove_attribute(o->attributes, label(*rs, object_ref(type, id), true), key);
       !e.empty())
     return c.error(e);
-  touch(c, o->audit);
+  touch(c, *o);
   c.ok();
 }
 
@@ -394,8 +387,8 @@ void item_add(Call &c) {
   if (!c.in.u8(type) || !c.in.u32(id)) return c.malformed();
   if (!object_type_ok(c, type)) return;
   if (!read_item(c.in, type, item) || !c.in.end()) return c.malformed();
-  Ruleset *rs = change_ruleset(c);
-  Object *o = rs ? find_object(c, *rs, type, id) : nullptr;
+  Ruleset *rs = nullptr;
+  Object *o = changed_object(c, rs, type, id);
   if (!o) return;
   if (auto e = check_item(*rs, type, item); !e.empty()) return c.error(e);
   const std::string now = now_text(c);
@@ -420,8 +413,8 @@ void item_update(Call &c) {
   if (!item) return;
   if (auto e = check_item(*rs, type, fresh); !e.empty()) return c.error(e);
   item->fields = std::move(fresh.fields);
-  touch(c, item->audit);
-  touch(c, o->audit);
+  touch(c, *item);
+  touch(c, *o);
   answer_stamp(c, item->audit.modification_date);
 }
 
@@ -436,7 +429,7 @@ void item_remove(Call &c) {
   auto [o, item] = find_item(c, *rs, type, id);
   if (!item) return;
   std::erase_if(o->items, [id](const Item &x) { return x.id == id; });
-  touch(c, o->audit);
+  touch(c, *o);
   answer_stamp(c, o->audit.modification_date);
 }
 

@@ -17,20 +17,17 @@ constexpr uint8_t kOperators = 3;  // AND, OR, NOT
 
 Ref ref(uint32_t id) { return {Kind::kCondition, 0, id}; }
 
-template <class RS>
-auto find(Call &c, RS &rs, uint32_t id) -> decltype(&rs.conditions.begin()->second) {
-  auto it = rs.conditions.find(id);
-  if (it != rs.conditions.end()) return &it->second;
-  c.error(missing_text(ref(id)));
-  return nullptr;
-}
+// Body: string name; u8 operator.
+bool read_fields(Body &in, Condition &cond) { return in.text(cond.name) && in.u8(cond.op); }
 
-std::string check_name_free(const Ruleset &rs, const std::string &name, uint32_t except) {
-  if (auto e = check_name("name", name); !e.empty()) return e;
-  for (const auto &[id, cond] : rs.conditions)
-    if (id != except && cond.name == name)
-      return "A rule condition named '" + name + "' already exists: " + label(rs, ref(id));
-  return {};
+// The operator is checked when a condition is added only: a rename checks
+// the name alone.
+constexpr auto kConditions = ruleset_kind<Kind::kCondition>(
+    &Ruleset::conditions, &Ruleset::last_condition, read_fields);
+
+template <class RS>
+auto find(Call &c, RS &rs, uint32_t id) {
+  return find_named(c, kConditions, rs, id);
 }
 
 void list(Call &c) {
@@ -39,9 +36,7 @@ void list(Call &c) {
   ListAnswer a(c);
   for (auto it = rs.conditions.rbegin(); it != rs.conditions.rend(); ++it) {
     const Condition &cond = it->second;
-    a.out().u8(kTagCondition).u32(cond.id).text(cond.name).u8(cond.op);
-    a.out().text(cond.audit.creator).text(cond.audit.creation_date);
-    a.out().text(cond.audit.modified_by).text(cond.audit.modification_date);
+    put_audit(a.out().u8(kTagCondition).u32(cond.id).text(cond.name).u8(cond.op), cond.audit);
     a.next();
     for (auto item = cond.items.rbegin(); item != cond.items.rend(); ++item) {
       a.out().u8(kTagItem).u8(item->type).u32(item->object);
@@ -51,46 +46,16 @@ void list(Call &c) {
   a.finish();
 }
 
-// Body: string name; u8 operator.
 void add(Call &c) {
   Condition cond;
-  if (!c.in.text(cond.name) || !c.in.u8(cond.op) || !c.in.end()) return c.malformed();
+  if (!read_fields(c.in, cond) || !c.in.end()) return c.malformed();
   Ruleset *rs = change_ruleset(c);
   if (!rs) return;
-  std::string e = check_name_free(*rs, cond.name, 0);
+  std::string e = check_named(kConditions, *rs, cond, 0);
   if (e.empty() && cond.op >= kOperators)
     e = format("Operator %u is not 0 (and), 1 (or) or 2 (not)", cond.op);
   if (!e.empty()) return c.error(e);
-  cond.id = ++rs->last_condition;
-  const std::string now = now_text(c);
-  audit_create(cond.audit, user_of(c), now);
-  rs->conditions[cond.id] = std::move(cond);
-  answer_added(c, rs->last_condition, now);
-}
-
-// Body: u32 id.
-void remove(Call &c) {
-  uint32_t id = 0;
-  if (!c.in.u32(id) || !c.in.end()) return c.malformed();
-  Ruleset *rs = change_ruleset(c);
-  if (!rs || !find(c, *rs, id)) return;
-  if (auto e = in_use_text(*rs, ref(id)); !e.empty()) return c.error(e);
-  rs->conditions.erase(id);
-  answer_stamp(c, now_text(c));
-}
-
-// Body: u32 id; string name.
-void rename(Call &c) {
-  uint32_t id = 0;
-  std::string name;
-  if (!c.in.u32(id) || !c.in.text(name) || !c.in.end()) return c.malformed();
-  Ruleset *rs = change_ruleset(c);
-  Condition *cond = rs ? find(c, *rs, id) : nullptr;
-  if (!cond) return;
-  if (auto e = check_name_free(*rs, name, id); !e.empty()) return c.error(e);
-  cond->name = std::move(name);
-  audit_change(cond->audit, user_of(c), now_text(c));
-  answer_stamp(c, cond->audit.modification_date);
+  keep_new(c, kConditions, *rs, std::move(cond));
 }
 
 // Body: u32 id; u16 count; per item u8 condition type, u32 object id. The
@@ -123,7 +88,7 @@ void set_items(Call &c) {
                                              ", so this would make a cycle"));
   }
   cond->items = std::move(items);
-  audit_change(cond->audit, user_of(c), now_text(c));
+  touch(c, *cond);
   answer_stamp(c, cond->audit.modification_date);
 }
 
@@ -132,8 +97,10 @@ constexpr auto S = Access::kSession;
 constexpr Route kRoutes[] = {
     {TQDB_REQ_RULECONDITIONS_LIST, "ruleconditions_list", H, S, list},
     {TQDB_REQ_RULECONDITIONS_ADD, "ruleconditions_add", H, S, add},
-    {TQDB_REQ_RULECONDITIONS_REMOVE, "ruleconditions_remove", H, S, remove},
-    {TQDB_REQ_RULECONDITIONS_RENAME, "ruleconditions_rename", H, S, rename},
+    {TQDB_REQ_RULECONDITIONS_REMOVE, "ruleconditions_remove", H, S,
+     [](Call &c) { remove_named(c, kConditions); }},
+    {TQDB_REQ_RULECONDITIONS_RENAME, "ruleconditions_rename", H, S,
+     [](Call &c) { rename_named(c, kConditions); }},
     {TQDB_REQ_RULECONDITIONS_SET_ITEMS, "ruleconditions_set_items", H, S, set_items},
 };
 

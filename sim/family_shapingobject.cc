@@ -22,14 +22,6 @@ constexpr int kDirectionRank[3] = {2, 0, 1};
 
 Ref ref(uint32_t id) { return {Kind::kShapingObject, 0, id}; }
 
-template <class RS>
-auto find(Call &c, RS &rs, uint32_t id) -> decltype(&rs.shaping_objects.begin()->second) {
-  auto it = rs.shaping_objects.find(id);
-  if (it != rs.shaping_objects.end()) return &it->second;
-  c.error(missing_text(ref(id)));
-  return nullptr;
-}
-
 // The fields of add (and of modify after the id) into o; the limits in the
 // order they came.
 bool read_fields(Body &in, ShapingObject &o) {
@@ -57,12 +49,8 @@ bool read_fields(Body &in, ShapingObject &o) {
   return true;
 }
 
-// Checks o (to be kept under id) and puts its limits in the kept order.
-std::string settle(const Ruleset &rs, ShapingObject &o, uint32_t id) {
-  if (auto e = check_name("name", o.name); !e.empty()) return e;
-  for (const auto &[other, so] : rs.shaping_objects)
-    if (other != id && so.name == o.name)
-      return "A shaping object named '" + o.name + "' already exists: " + label(rs, ref(other));
+// Checks o after its name and puts its limits in the kept order.
+std::string settle(const Ruleset &rs, ShapingObject &o) {
   if (o.split >= kSplits) return format("Split %u is not one of 0 to %u", o.split, kSplits - 1);
   for (const Limit &l : o.limits)
     if (l.direction > 2)
@@ -87,8 +75,7 @@ std::string settle(const Ruleset &rs, ShapingObject &o, uint32_t id) {
 void put_object(Out &out, const ShapingObject &o) {
   out.i32(static_cast<int32_t>(o.id)).text(o.name).u8(o.split).u32(o.split_argument);
   out.i32(o.max_connections).u32(o.flags).u32(0);
-  out.text(o.audit.creator).text(o.audit.creation_date);
-  out.text(o.audit.modified_by).text(o.audit.modification_date);
+  put_audit(out, o.audit);
   for (uint8_t w : o.wfq) out.u8(w);
   out.u8(o.fairness_group).u32(o.fairness_group_argument);
   out.u32(static_cast<uint32_t>(o.limits.size()));
@@ -100,7 +87,13 @@ void put_object(Out &out, const ShapingObject &o) {
   for (uint32_t id : o.split_netobjects) out.u32(id);
 }
 
-void touch(Call &c, ShapingObject &o) { audit_change(o.audit, user_of(c), now_text(c)); }
+constexpr auto kShaping = ruleset_kind<Kind::kShapingObject>(
+    &Ruleset::shaping_objects, &Ruleset::last_shaping_object, read_fields, settle);
+
+template <class RS>
+auto find(Call &c, RS &rs, uint32_t id) {
+  return find_named(c, kShaping, rs, id);
+}
 
 void list(Call &c) {
   if (!c.in.end()) return c.malformed();
@@ -110,62 +103,6 @@ void list(Call &c) {
     a.next();
   }
   a.finish();
-}
-
-void add(Call &c) {
-  ShapingObject o;
-  if (!read_fields(c.in, o) || !c.in.end()) return c.malformed();
-  Ruleset *rs = change_ruleset(c);
-  if (!rs) return;
-  if (auto e = settle(*rs, o, 0); !e.empty()) return c.error(e);
-  o.id = ++rs->last_shaping_object;
-  const std::string now = now_text(c);
-  audit_create(o.audit, user_of(c), now);
-  rs->shaping_objects[o.id] = std::move(o);
-  answer_added(c, rs->last_shaping_object, now);
-}
-
-// Body: u32 id, then the fields of add. Attributes and comments stay.
-void modify(Call &c) {
-  uint32_t id = 0;
-  ShapingObject fresh;
-  if (!c.in.u32(id) || !read_fields(c.in, fresh) || !c.in.end()) return c.malformed();
-  Ruleset *rs = change_ruleset(c);
-  ShapingObject *o = rs ? find(c, *rs, id) : nullptr;
-  if (!o) return;
-  if (auto e = settle(*rs, fresh, id); !e.empty()) return c.error(e);
-  fresh.id = id;
-  fresh.audit = o->audit;
-  fresh.attributes = std::move(o->attributes);
-  fresh.comments = std::move(o->comments);
-  *o = std::move(fresh);
-  touch(c, *o);
-  answer_stamp(c, o->audit.modification_date);
-}
-
-void remove(Call &c) {
-  uint32_t id = 0;
-  if (!c.in.u32(id) || !c.in.end()) return c.malformed();
-  Ruleset *rs = change_ruleset(c);
-  if (!rs || !find(c, *rs, id)) return;
-  if (auto e = in_use_text(*rs, ref(id)); !e.empty()) return c.error(e);
-  rs->shaping_objects.erase(id);
-  answer_stamp(c, now_text(c));
-}
-
-void rename(Call &c) {
-  uint32_t id = 0;
-  std::string name;
-  if (!c.in.u32(id) || !c.in.text(name) || !c.in.end()) return c.malformed();
-  Ruleset *rs = change_ruleset(c);
-  ShapingObject *o = rs ? find(c, *rs, id) : nullptr;
-  if (!o) return;
-  ShapingObject probe = *o;
-  probe.name = name;
-  if (auto e = settle(*rs, probe, id); !e.empty()) return c.error(e);
-  o->name = std::move(name);
-  touch(c, *o);
-  answer_stamp(c, o->audit.modification_date);
 }
 
 void tstamp(Call &c) {
@@ -232,10 +169,14 @@ constexpr auto H = Header::kSessionCid;
 constexpr auto S = Access::kSession;
 constexpr Route kRoutes[] = {
     {TQDB_REQ_SHAPINGOBJECT_LIST, "shapingobject_list", H, S, list},
-    {TQDB_REQ_SHAPINGOBJECT_ADD, "shapingobject_add", H, S, add},
-    {TQDB_REQ_SHAPINGOBJECT_REMOVE, "shapingobject_remove", H, S, remove},
-    {TQDB_REQ_SHAPINGOBJECT_RENAME, "shapingobject_rename", H, S, rename},
-    {TQDB_REQ_SHAPINGOBJECT_MODIFY, "shapingobject_modify", H, S, modify},
+    {TQDB_REQ_SHAPINGOBJECT_ADD, "shapingobject_add", H, S,
+     [](Call &c) { add_named(c, kShaping); }},
+    {TQDB_REQ_SHAPINGOBJECT_REMOVE, "shapingobject_remove", H, S,
+     [](Call &c) { remove_named(c, kShaping); }},
+    {TQDB_REQ_SHAPINGOBJECT_RENAME, "shapingobject_rename", H, S,
+     [](Call &c) { rename_named(c, kShaping); }},
+    {TQDB_REQ_SHAPINGOBJECT_MODIFY, "shapingobject_modify", H, S,
+     [](Call &c) { modify_named(c, kShaping); }},
     {TQDB_REQ_SHAPINGOBJECT_TSTAMP, "shapingobject_tstamp", H, S, tstamp},
     {TQDB_REQ_SHAPINGOBJECT_COMMENTS, "shapingobject_comments", H, S, comments},
     {TQDB_REQ_SHAPINGOBJECT_ATTR_LIST, "shapingobject_attr_list", H, S, attr_list},

@@ -76,8 +76,7 @@ void put_record(Out &out, std::span<const RuleField> fields, const Rule &r, uint
         out.u32(position);
         break;
       case RuleWire::Audit:
-        out.text(r.audit.creator).text(r.audit.creation_date);
-        out.text(r.audit.modified_by).text(r.audit.modification_date);
+        put_audit(out, r.audit);
         break;
       case RuleWire::Flags:
         out.u8(static_cast<uint8_t>(r.active | r.connlog << 2 | r.insights_traffic << 4));
@@ -129,8 +128,6 @@ std::string check_rule(const Ruleset &rs, const RuleFamily &f, const Rule &r) {
     return e;
   return f.check ? f.check(rs, r) : std::string();
 }
-
-void touch(Call &c, Rule &r) { audit_change(r.audit, user_of(c), now_text(c)); }
 
 // The rule named by the u32 id that opens the body, for a change.
 Rule *changed_rule(Call &c, const RuleFamily &f, Ruleset *&rs, uint32_t id) {
@@ -346,7 +343,7 @@ void attr_set(Call &c) {
   if (auto e = set_attribute(r->attributes, rule_label(kind, *r), std::move(key), std::move(value));
       !e.empty())
     return c.error(e);
-  audit_change(r->audit, user_of(c), now_text(c));
+  touch(c, *r);
   c.ok();
 }
 
@@ -359,7 +356,7 @@ void attr_remove(Call &c) {
   if (!r) return;
   if (auto e = remove_attribute(r->attributes, rule_label(kind, *r), key); !e.empty())
     return c.error(e);
-  audit_change(r->audit, user_of(c), now_text(c));
+  touch(c, *r);
   c.ok();
 }
 

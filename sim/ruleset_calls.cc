@@ -52,6 +52,10 @@ void answer_text(Call &c, std::string_view text) {
   c.answer(out);
 }
 
+Out &put_audit(Out &out, const Audit &a) {
+  return out.text(a.creator).text(a.creation_date).text(a.modified_by).text(a.modification_date);
+}
+
 void put_attributes(Out &out, const Attributes &attrs) {
   for (auto it = attrs.rbegin(); it != attrs.rend(); ++it) out.text(it->first).text(it->second);
 }

@@ -99,6 +99,15 @@ class Io {
       if (!m.emplace(x.id, std::move(x)).second) fail(format("id %u appears twice", x.id));
   }
 
+  // A fixed-size array of numbers kept as a JSON array; on loading, what
+  // fits is taken (a shorter array leaves the rest as it was).
+  template <std::integral T, std::size_t N>
+  void numbers(const char *key, std::array<T, N> &a) {
+    std::vector<T> v(a.begin(), a.end());
+    list(key, v);
+    if (loading_) std::copy_n(v.begin(), std::min(v.size(), N), a.begin());
+  }
+
   void attributes(const char *key, Attributes &attrs) {
     Json *j = child(key);
     if (!j) return;
@@ -308,19 +317,11 @@ struct RulesetCounters {
 };
 
 void io(Io &s, RulesetCounters &c) {
-  std::vector<uint32_t> objects(c.rs.last_object.begin(), c.rs.last_object.end());
-  s.list("objects", objects);
-  if (s.loading())
-    std::copy_n(objects.begin(), std::min(objects.size(), c.rs.last_object.size()),
-                c.rs.last_object.begin());
+  s.numbers("objects", c.rs.last_object);
   s.field("item", c.rs.last_item);
   s.field("shaping_object", c.rs.last_shaping_object);
   s.field("condition", c.rs.last_condition);
-  std::vector<uint32_t> rules(c.rs.last_rule.begin(), c.rs.last_rule.end());
-  s.list("rules", rules);
-  if (s.loading())
-    std::copy_n(rules.begin(), std::min(rules.size(), c.rs.last_rule.size()),
-                c.rs.last_rule.begin());
+  s.numbers("rules", c.rs.last_rule);
   s.field("statistics_object", c.rs.last_statistics_object);
   s.field("ipfix_object", c.rs.last_ipfix_object);
 }
