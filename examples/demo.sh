@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Starts tqdbsim on a free port and runs the quick start against it.
+# Starts tqdbsim on a free port and runs the quick start, then the ruleset
+# example, against it.
 # Called by `make demo` after the build; TQ_BUILD_DIR picks another build dir.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -57,4 +58,8 @@ fi
 echo "demo: tqdbsim on 127.0.0.1:$port, Python $ver"
 status=0
 PYTHONPATH="$build/python$ver" "$python" examples/quickstart.py 127.0.0.1 "$port" || status=$?
+if [ "$status" -eq 0 ]; then
+  echo
+  PYTHONPATH="$build/python$ver" "$python" examples/ruleset.py 127.0.0.1 "$port" || status=$?
+fi
 exit "$status"
