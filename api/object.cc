@@ -335,7 +335,7 @@ tq_list_t *tqdb_api_object_list_handle(tqdb_api_msg_t *env, tq_list_t *list) {
   tq_list_t *pending = nullptr;  // items of current, newest first
   Object *current = nullptr;
   const auto settle = [&] {
-    if (current != nullptr) current->items = tq::splice(current->items, tq_list_reverse(pending));
+    if (current != nullptr) current->items = tq_list_concat(current->items, tq_list_reverse(pending));
     pending = nullptr;
   };
 
@@ -373,7 +373,7 @@ tq_list_t *tqdb_api_object_list_handle(tqdb_api_msg_t *env, tq_list_t *list) {
     }
   }
   settle();
-  return tq::splice(list, tq_list_reverse(objects));
+  return tq_list_concat(list, tq_list_reverse(objects));
 }
 
 void tqdb_api_object_list_free(tq_list_t *list) {

@@ -10,7 +10,10 @@
 //   if (!r.ok()) ...   // some field was short
 //
 // The place reported is the caller's source line, so a report points at the
-// field that was missing.
+// field that was missing. After the first short field every later field
+// reads as zero without touching the body: a string cut short leaves its
+// count consumed, and what follows it is no longer where the next field
+// would be.
 #ifndef TQDB_API_REPLY_READER_H
 #define TQDB_API_REPLY_READER_H
 
@@ -37,27 +40,27 @@ class ReplyReader {
 
   uint8_t u8(Where w = Where::current()) {
     uint8_t v = 0;
-    check(tq_msg_get_uint8(env_->msg, &v), w);
+    if (ok_) check(tq_msg_get_uint8(env_->msg, &v), w);
     return v;
   }
   uint16_t u16(Where w = Where::current()) {
     uint16_t v = 0;
-    check(tq_msg_get_uint16(env_->msg, &v), w);
+    if (ok_) check(tq_msg_get_uint16(env_->msg, &v), w);
     return v;
   }
   uint32_t u32(Where w = Where::current()) {
     uint32_t v = 0;
-    check(tq_msg_get_uint32(env_->msg, &v), w);
+    if (ok_) check(tq_msg_get_uint32(env_->msg, &v), w);
     return v;
   }
   int32_t i32(Where w = Where::current()) {
     int32_t v = 0;
-    check(tq_msg_get_int32(env_->msg, &v), w);
+    if (ok_) check(tq_msg_get_int32(env_->msg, &v), w);
     return v;
   }
   // A text cut to size - 1 characters; empty when short.
   void text(char *buf, size_t size, Where w = Where::current()) {
-    if (!check(tq_msg_get_string_len(env_->msg, buf, size), w)) buf[0] = '\0';
+    if (!ok_ || !check(tq_msg_get_string_len(env_->msg, buf, size), w)) buf[0] = '\0';
   }
   template <size_t N>
   void text(char (&buf)[N], Where w = Where::current()) {

@@ -51,15 +51,6 @@ inline bool get_ids(tq_msg_t *m, uint32_t n, tq_list_t **list) {
   return true;
 }
 
-// One list of front's nodes followed by list's, in their orders; the head.
-inline tq_list_t *list_splice(tq_list_t *front, tq_list_t *list) {
-  if (front == nullptr) return list;
-  tq_list_t *last = tq_list_last(front);
-  last->next = list;
-  if (list != nullptr) list->prev = last;
-  return front;
-}
-
 // --- the requests every rule family has -------------------------------------------------
 
 namespace rule {
@@ -133,7 +124,7 @@ tq_list_t *list_decode(tqdb_api_msg_t *env, tq_list_t *list, const char *label,
     }
     if (r == Read::ended) break;
   }
-  return list_splice(fresh, list);
+  return tq_list_concat(fresh, list);
 }
 
 // Frees a rule list: each record's own lists first (free_own), then the

@@ -143,17 +143,6 @@ inline bool push_front(tq_list_t *&list, void *rec) {
   return true;
 }
 
-// back behind the last node of front; the head of the whole.
-inline tq_list_t *splice(tq_list_t *front, tq_list_t *back) {
-  if (front == nullptr) return back;
-  if (back != nullptr) {
-    tq_list_t *last = tq_list_last(front);
-    last->next = back;
-    back->prev = last;
-  }
-  return front;
-}
-
 // One attribute pair; nullptr when the pair was cut short (call with a
 // reader that is still ok).
 inline tqdb_api_ruleset_attr_t *read_attr(ReplyReader &r,
@@ -182,7 +171,7 @@ inline tq_list_t *read_records(ReplyReader &r, const tqdb_api_item_layout_t &kin
     }
     if (!push_front(fresh, rec)) break;
   }
-  return splice(list, tq_list_reverse(fresh));
+  return tq_list_concat(list, tq_list_reverse(fresh));
 }
 
 }  // namespace tq

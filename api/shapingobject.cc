@@ -210,7 +210,7 @@ tq_list_t *tqdb_api_shapingobject_list_handle(tqdb_api_msg_t *env, tq_list_t *li
     (void)o.release();  // the list owns it now
     fresh = node;
   }
-  return tq::list_splice(list, tq_list_reverse(fresh));
+  return tq_list_concat(list, tq_list_reverse(fresh));
 }
 
 void tqdb_api_shapingobject_list_free(tq_list_t *list) {

@@ -145,6 +145,16 @@ tq_list_t *tq_list_append(tq_list_t *list, void *data) {
   return list;
 }
 
+tq_list_t *tq_list_concat(tq_list_t *front, tq_list_t *back) {
+  if (front == nullptr) return back;
+  if (back != nullptr) {
+    tq_list_t *last = tq_list_last(front);
+    last->next = back;
+    back->prev = last;
+  }
+  return front;
+}
+
 tq_list_t *tq_list_reverse(tq_list_t *list) {
   tq_list_t *head = nullptr;
   while (list != nullptr) {

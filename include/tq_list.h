@@ -38,6 +38,9 @@ tq_list_t *tq_list_copy(const tq_list_t *list);
 // tq_list_reverse turns a list around and returns its new head.
 tq_list_t *tq_list_append(tq_list_t *list, void *data);
 tq_list_t *tq_list_last(tq_list_t *list);
+// back's nodes behind front's (either may be nullptr); the head of the whole.
+// Walks front to its end: hand it the tail to keep appends cheap.
+tq_list_t *tq_list_concat(tq_list_t *front, tq_list_t *back);
 tq_list_t *tq_list_reverse(tq_list_t *list);
 uint32_t tq_list_length(const tq_list_t *list);
 

@@ -240,6 +240,11 @@ TEST(ObjectList, CutAtEveryPosition) {
     EXPECT_EQ(items, begun(items_at, cut));
     EXPECT_EQ(log.calls, std::count(ends.begin(), ends.end(), cut) ? 0 : 1);
     EXPECT_TRUE(cut < 8 + 5 || objs[0]->id == 1u);  // once tag and id are whole
+    // Past the first short field everything reads as zero, never as the
+    // leftover bytes of a text cut short.
+    for (auto *o : objs)
+      EXPECT_TRUE(o->visible <= 1 && (o->parent == 0 || o->parent == o->id + 100) &&
+                  (o->referenced == 0 || o->referenced == 3)) << o->id;
   }
 }
 
