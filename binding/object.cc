@@ -2,7 +2,9 @@
 // and items between dicts and records through the shared layout table.
 #include "rows.h"
 
+#include <array>
 #include <cstring>
+#include <vector>
 
 namespace tqpy {
 
@@ -30,8 +32,26 @@ const tqdb_api_item_layout_t &layout_of(long long type) {
   return *layout;
 }
 
-void set_key(PyObject *dict, const char *key, OwnedRef value) {
-  check_status(PyDict_SetItemString(dict, key, value.get()));
+// The keys of an item dict of each object type, interned once and kept for
+// the process: "id", the audit keys, then the layout's keys.
+const std::vector<PyObject *> &item_keys(const tqdb_api_item_layout_t &layout, uint32_t type) {
+  static std::array<std::vector<PyObject *>, TQDB_OBJECT_TYPE_COUNT> cache;
+  std::vector<PyObject *> &keys = cache[type];
+  if (keys.empty()) {
+    const auto intern = [&keys](const char *k) {
+      PyObject *key = compat::text_intern(k);
+      if (!key) throw_python_error();
+      keys.push_back(key);
+    };
+    intern("id");
+    for (const HeaderKey &h : kItemAudit) intern(h.key);
+    for (const tqdb_api_item_field_t &f : layout.fields) intern(f.key);
+  }
+  return keys;
+}
+
+void set_key(PyObject *dict, PyObject *key, OwnedRef value) {
+  check_status(PyDict_SetItem(dict, key, value.get()));
 }
 
 }  // namespace
@@ -75,11 +95,13 @@ ItemPtr item_from_dict(long long type, PyObject *dict) {
 OwnedRef item_to_dict(const tqdb_api_object_item_t *item) {
   const tqdb_api_item_layout_t &layout = layout_of(item->type);
   const auto *record = reinterpret_cast<const std::byte *>(item);
-  auto dict = OwnedRef::check(PyDict_New());
-  set_key(dict.get(), "id", int_u64(item->id));
+  const std::vector<PyObject *> &keys = item_keys(layout, item->type);
+  OwnedRef dict = record_dict(keys.size());
+  PyObject *const *key = keys.data();
+  set_key(dict.get(), *key++, int_u64(item->id));
   for (const HeaderKey &h : kItemAudit)
-    set_key(dict.get(), h.key,
-            text_field(reinterpret_cast<const char *>(record + h.offset), h.size));
+    set_key(dict.get(), *key++,
+            record_text(reinterpret_cast<const char *>(record + h.offset), h.size));
   for (const tqdb_api_item_field_t &f : layout.fields) {
     const std::byte *p = record + f.offset;
     const auto load = [p](auto x) {
@@ -93,10 +115,10 @@ OwnedRef item_to_dict(const tqdb_api_object_item_t *item) {
       case tqdb_api_wire::U32: value = int_u64(load(uint32_t{})); break;
       case tqdb_api_wire::U16: value = int_u64(load(uint16_t{})); break;
       case tqdb_api_wire::Text:
-        value = text_field(reinterpret_cast<const char *>(p), f.size);
+        value = record_text(reinterpret_cast<const char *>(p), f.size);
         break;
     }
-    set_key(dict.get(), f.key, std::move(value));
+    set_key(dict.get(), *key++, std::move(value));
   }
   return dict;
 }
@@ -130,7 +152,7 @@ const PyMethodDef kRows[] = {
     TQ_DECODE("object_list_handle",
               "object_list_handle(msg, l=None) -> l (a new TQObjList when None) with the "
               "reply's objects appended.",
-              list_body, ListId::TQObjList, &tqdb_api_object_list_handle),
+              append_list_body, ListId::TQObjList, &tqdb_api_object_list_handle),
     TQ_REQUEST("object_add", &tqdb_api_object_add,
                "object_add(type, name, parent) -> correlation id.", kType,
                arg("name", Conv::Text, 1), arg("parent", Conv::Int, 2)),

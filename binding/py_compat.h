@@ -192,6 +192,10 @@ inline long long int_as_ll(PyObject *o) {
   return v;
 }
 
+// --- dicts ------------------------------------------------------------------------------
+// An empty dict with room for n keys, so that filling it never resizes it.
+inline PyObject *dict_presized(Py_ssize_t n) { return _PyDict_NewPresized(n); }
+
 // --- calls -------------------------------------------------------------------------------
 // o.name(*args) with args a tuple or nullptr (no arguments); a new reference
 // or nullptr with an error set. (Python 2 declares the names non-const.)

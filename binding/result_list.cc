@@ -7,6 +7,8 @@
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
+#include <optional>
+#include <string_view>
 #include <utility>
 
 #include "tq_malloc.h"
@@ -66,11 +68,62 @@ OwnedRef nested_value(FieldKind kind, const void *data) {
   raise_text(PyExc_SystemError, "not a nested list kind");
 }
 
+// --- repeated texts -----------------------------------------------------------------------
+
+// Recently converted short texts, by content: a direct-mapped table whose
+// slots own their str. It lives while one convert() runs.
+class TextCache {
+ public:
+  static constexpr size_t kSlots = 512;
+  static constexpr size_t kMaxLen = 31;  // audit names and dates fit
+
+  ~TextCache() {
+    for (Slot &s : slots_) Py_XDECREF(s.str);
+  }
+  OwnedRef get(std::string_view text) {
+    uint32_t h = 2166136261u;  // FNV-1a
+    for (const char c : text) h = (h ^ static_cast<uint8_t>(c)) * 16777619u;
+    Slot &s = slots_[h % kSlots];
+    if (s.str && s.len == text.size() && std::memcmp(s.bytes, text.data(), text.size()) == 0)
+      return OwnedRef::incref(s.str);
+    OwnedRef fresh = text_of(text);
+    Py_XDECREF(s.str);
+    s.str = OwnedRef::incref(fresh.get()).release();
+    s.len = static_cast<uint8_t>(text.size());
+    std::memcpy(s.bytes, text.data(), text.size());
+    return fresh;
+  }
+
+ private:
+  static OwnedRef text_of(std::string_view t) { return text(t); }
+  struct Slot {
+    PyObject *str = nullptr;
+    uint8_t len = 0;
+    char bytes[kMaxLen];
+  };
+  std::array<Slot, kSlots> slots_{};
+};
+
+// The cache of the convert() running now; nullptr outside one. One thread
+// at a time runs in the module (the interpreter's lock), and a conversion
+// runs no Python code, so convert() calls never interleave.
+TextCache *g_text_cache = nullptr;
+
+}  // namespace
+
+OwnedRef record_text(const char *s, size_t max) {
+  const std::string_view t(s, strnlen(s, max));
+  if (g_text_cache == nullptr || t.size() > TextCache::kMaxLen) return text(t);
+  return g_text_cache->get(t);
+}
+
+namespace {
+
 OwnedRef field_value(const Field &f, const std::byte *record) {
   const std::byte *p = record + f.offset;
   switch (f.kind) {
     case FieldKind::Text:
-      return text_field(reinterpret_cast<const char *>(p), f.size);
+      return record_text(reinterpret_cast<const char *>(p), f.size);
     case FieldKind::Flag:
       return boolean(load<uint8_t>(p) != 0);
     case FieldKind::U8:
@@ -138,7 +191,7 @@ OwnedRef convert_int(const ListClass &, const tq_list_t *node) {
 // A dict with one key per field, in the order of the class's table.
 OwnedRef convert_record(const ListClass &cls, const tq_list_t *node) {
   const auto *record = static_cast<const std::byte *>(node->data);
-  auto dict = OwnedRef::check(PyDict_New());
+  OwnedRef dict = record_dict(cls.fields.size());
   if (!record) return dict;
   for (size_t i = 0; i < cls.fields.size(); ++i) {
     OwnedRef value = field_value(cls.fields[i], record);
@@ -302,6 +355,7 @@ OwnedRef result_list_new(PyTypeObject *type, PyObject *args, PyObject *kwds) {
   }
   as_result_list(obj.get())->cls = &cls;
   as_result_list(obj.get())->list = initial;
+  as_result_list(obj.get())->tail = nullptr;
   return obj;
 }
 
@@ -317,6 +371,16 @@ OwnedRef result_list_convert(ResultListObject *self, PyObject *args, PyObject *k
   PyObject *a[1]{};
   parse_args(args, kwds, "convert", names, 1, a);
   auto out = OwnedRef::check(PyList_New(0));
+  // The outermost convert() keeps the text cache; conversions of nested
+  // lists (object items) share it.
+  std::optional<TextCache> cache;
+  if (g_text_cache == nullptr) cache.emplace();
+  TextCache *const outer = g_text_cache;
+  g_text_cache = outer != nullptr ? outer : &*cache;
+  struct Restore {
+    TextCache *outer;
+    ~Restore() { g_text_cache = outer; }
+  } restore{outer};
   for (const tq_list_t *node = self->list; node; node = node->next) {
     OwnedRef value = self->cls->convert_node(*self->cls, node);
     check_status(PyList_Append(out.get(), value.get()));

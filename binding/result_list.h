@@ -89,6 +89,9 @@ struct ResultListObject {
   PyObject_HEAD
   const ListClass *cls;  // the class's operations
   tq_list_t *list;       // owned, with its records; nullptr when empty
+  // The last node of list, kept by the decoders that append so that an
+  // answer of many replies is decoded in one pass; nullptr when not known.
+  tq_list_t *tail;
 };
 
 // The list classes, by the names the module exports.
@@ -149,6 +152,16 @@ void list_types_fill();
 OwnedRef list_arg(PyObject *l, ListId id);
 inline ResultListObject *as_result_list(PyObject *o) {
   return reinterpret_cast<ResultListObject *>(o);
+}
+
+// The str of a record's text field of at most max bytes. While a convert()
+// runs, short texts seen again (audit names and dates, empty values) are
+// the same str object instead of a new one each time: a large list repeats
+// them on every record.
+OwnedRef record_text(const char *s, size_t max);
+// A dict with one key per field (the keys interned, so lookups are cheap).
+inline OwnedRef record_dict(size_t fields) {
+  return OwnedRef::check(compat::dict_presized(static_cast<Py_ssize_t>(fields)));
 }
 
 // Conversions shared by the list classes.

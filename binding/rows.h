@@ -235,7 +235,8 @@ tqdb_api_msg_t *decoder_args(PyObject *args, PyObject *kwds, const char *func, L
 
 OwnedRef decode_timestamp(PyObject *args, PyObject *kwds, const char *func, TimestampFn fn);
 OwnedRef decode_add(PyObject *args, PyObject *kwds, const char *func, AddFn fn);
-OwnedRef decode_list(PyObject *args, PyObject *kwds, const char *func, ListId id, ListFn fn);
+OwnedRef decode_list(PyObject *args, PyObject *kwds, const char *func, ListId id, ListFn fn,
+                     bool appends);
 OwnedRef decode_attrs(PyObject *args, PyObject *kwds, const char *func, ListFn fn);
 
 // The timestamp str, None when the reply does not carry it.
@@ -256,10 +257,18 @@ OwnedRef text_body(SessionObject *, PyObject *args, PyObject *kwds) {
   if (!env || !Fn(env, buf, sizeof buf)) return none();
   return text_field(buf, sizeof buf);
 }
-// l (a new list object when None) with the reply's records appended.
+// l (a new list object when None) with the reply's records: for decoders
+// that put records in front of the list they are given (or look through
+// it), the whole list goes in.
 template <Name N, ListId Id, ListFn Fn>
 OwnedRef list_body(SessionObject *, PyObject *args, PyObject *kwds) {
-  return decode_list(args, kwds, N.s, Id, Fn);
+  return decode_list(args, kwds, N.s, Id, Fn, false);
+}
+// The same for decoders that append behind the last node of the list they
+// are given and continue it (object items): they are given l's tail.
+template <Name N, ListId Id, ListFn Fn>
+OwnedRef append_list_body(SessionObject *, PyObject *args, PyObject *kwds) {
+  return decode_list(args, kwds, N.s, Id, Fn, true);
 }
 // [(key, value), ...] in the decoded list's order.
 template <Name N, ListFn Fn>

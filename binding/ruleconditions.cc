@@ -41,6 +41,7 @@ OwnedRef conditions_list_body(SessionObject *, PyObject *args, PyObject *kwds) {
   // false (an item before any condition) keeps what was read before.
   if (env) (void)tqdb_api_ruleconditions_list_handle(env, &state);
   list->list = state.list;
+  list->tail = nullptr;
   return l;
 }
 

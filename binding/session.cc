@@ -191,13 +191,27 @@ OwnedRef decode_add(PyObject *args, PyObject *kwds, const char *func, AddFn fn) 
   return OwnedRef::check(PyTuple_Pack(2, first.get(), stamp.get()));
 }
 
-OwnedRef decode_list(PyObject *args, PyObject *kwds, const char *func, ListId id, ListFn fn) {
+OwnedRef decode_list(PyObject *args, PyObject *kwds, const char *func, ListId id, ListFn fn,
+                     bool appends) {
   OwnedRef l;
   tqdb_api_msg_t *env = decoder_args(args, kwds, func, id, &l);
   ResultListObject *list = as_result_list(l.get());
-  // nullptr keeps the list as it was.
-  if (env)
-    if (tq_list_t *r = fn(env, list->list)) list->list = r;
+  if (!env) return l;
+  if (!appends) {
+    // nullptr keeps the list as it was.
+    if (tq_list_t *r = fn(env, list->list)) {
+      list->list = r;
+      list->tail = nullptr;
+    }
+    return l;
+  }
+  // An appending decoder walks what it is given to its end: from the tail
+  // that is one step, and the new tail is found walking the new nodes only.
+  if (list->list != nullptr && list->tail == nullptr) list->tail = tq_list_last(list->list);
+  if (tq_list_t *r = fn(env, list->tail)) {
+    if (list->list == nullptr) list->list = r;
+    list->tail = tq_list_last(list->tail != nullptr ? list->tail : r);
+  }
   return l;
 }
 
@@ -260,7 +274,7 @@ const PyMethodDef kCoreRows[] = {
     TQ_DECODE("diag_handle",
               "diag_handle(msg, l=None) -> l (a new TQStringList when None) with the reply's "
               "strings appended.",
-              list_body, ListId::TQStringList, &tqdb_api_session_diag_handle),
+              append_list_body, ListId::TQStringList, &tqdb_api_session_diag_handle),
     TQ_REQUEST("resource_begin", &tqdb_api_resource_begin,
                "resource_begin(resource) -> correlation id; locks a RESOURCE_*.",
                arg("resource", Conv::Int, 0)),
@@ -274,7 +288,7 @@ const PyMethodDef kCoreRows[] = {
     TQ_DECODE("resource_resource_list_handle",
               "resource_resource_list_handle(msg, l=None) -> l (a new TQResList when None) with "
               "the reply's resource records appended.",
-              list_body, ListId::TQResList, &tqdb_api_resource_list_handle),
+              append_list_body, ListId::TQResList, &tqdb_api_resource_list_handle),
     TQ_REQUEST("resource_resource_steal", &tqdb_api_resource_steal,
                "resource_resource_steal(resid) -> correlation id.", arg("resid", Conv::Int, 0)),
 };

@@ -92,7 +92,7 @@ const PyMethodDef kRows[] = {
     TQ_DECODE("shaping_object_list_handle",
               "shaping_object_list_handle(msg, l=None) -> l (a new TQShapingObjList when None) "
               "with the reply's objects appended.",
-              list_body, ListId::TQShapingObjList, &tqdb_api_shapingobject_list_handle),
+              append_list_body, ListId::TQShapingObjList, &tqdb_api_shapingobject_list_handle),
     TQ_REQUEST("shaping_object_add", &tqdb_api_shapingobject_add,
                "shaping_object_add(name, limits, split, max_connections, split_argument, "
                "intflags, wfq, split_netobjects) -> correlation id.",

@@ -37,7 +37,7 @@ const PyMethodDef kRows[] = {
     TQ_DECODE("statistics_object_list_handle",
               "statistics_object_list_handle(msg, l=None) -> l (a new TQStatisticsObjList when "
               "None) with the reply's objects.",
-              list_body, ListId::TQStatisticsObjList, &tqdb_api_statisticsobject_list_handle),
+              append_list_body, ListId::TQStatisticsObjList, &tqdb_api_statisticsobject_list_handle),
     TQ_REQUEST("statistics_object_add", &tqdb_api_statisticsobject_add,
                "statistics_object_add(name, split=0, split_argument=0, fields=0, interval=60) "
                "-> correlation id.",
@@ -77,7 +77,7 @@ const PyMethodDef kRows[] = {
     TQ_DECODE("ipfix_object_list_handle",
               "ipfix_object_list_handle(msg, l=None) -> l (a new TQIpfixObjList when None) with "
               "the reply's objects.",
-              list_body, ListId::TQIpfixObjList, &tqdb_api_ipfixobject_list_handle),
+              append_list_body, ListId::TQIpfixObjList, &tqdb_api_ipfixobject_list_handle),
     TQ_REQUEST("ipfix_object_add", &tqdb_api_ipfixobject_add,
                "ipfix_object_add(name, collector, port=4739, protocol=17, interval=60) -> "
                "correlation id.",
