@@ -141,4 +141,37 @@ void list_free(tq_list_t *list, void (*free_own)(Rec *)) {
 }  // namespace rule
 }  // namespace tq
 
+
+// The requests every rule family has, under the family's names: one row
+// per family.
+#define TQ_RULE_COMMON_REQUESTS(family, codes)                                                   \
+  uint32_t tqdb_api_##family##_list(tqdb_api_handle_t *h, uint32_t session) {                    \
+    return tq::rule::list(codes, h, session);                                                   \
+  }                                                                                             \
+  uint32_t tqdb_api_##family##_remove(tqdb_api_handle_t *h, uint32_t session, uint32_t id) {     \
+    return tq::rule::remove(codes, h, session, id);                                             \
+  }                                                                                             \
+  uint32_t tqdb_api_##family##_rename(tqdb_api_handle_t *h, uint32_t session, uint32_t id,       \
+                                      const char *name) {                                       \
+    return tq::rule::rename(codes, h, session, id, name);                                       \
+  }                                                                                             \
+  uint32_t tqdb_api_##family##_set_active(tqdb_api_handle_t *h, uint32_t session, uint32_t id,   \
+                                          uint8_t active) {                                     \
+    return tq::rule::set_active(codes, h, session, id, active);                                 \
+  }                                                                                             \
+  uint32_t tqdb_api_##family##_tstamp(tqdb_api_handle_t *h, uint32_t session, uint32_t id) {     \
+    return tq::rule::tstamp(codes, h, session, id);                                             \
+  }                                                                                             \
+  uint32_t tqdb_api_##family##_copy(tqdb_api_handle_t *h, uint32_t session, uint32_t id) {       \
+    return tq::rule::copy(codes, h, session, id);                                               \
+  }                                                                                             \
+  uint32_t tqdb_api_##family##_comments_get(tqdb_api_handle_t *h, uint32_t session,              \
+                                            uint32_t id) {                                      \
+    return tq::rule::comments_get(codes, h, session, id);                                       \
+  }                                                                                             \
+  uint32_t tqdb_api_##family##_comments_set(tqdb_api_handle_t *h, uint32_t session, uint32_t id, \
+                                            const char *comments) {                             \
+    return tq::rule::comments_set(codes, h, session, id, comments);                             \
+  }
+
 #endif

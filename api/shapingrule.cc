@@ -34,33 +34,7 @@ void free_objects(tqdb_api_shapingrule_t *r) { tqdb_api_int_list_free(r->objects
 
 }  // namespace
 
-uint32_t tqdb_api_shapingrule_list(tqdb_api_handle_t *h, uint32_t session) {
-  return tq::rule::list(kCodes, h, session);
-}
-uint32_t tqdb_api_shapingrule_remove(tqdb_api_handle_t *h, uint32_t session, uint32_t id) {
-  return tq::rule::remove(kCodes, h, session, id);
-}
-uint32_t tqdb_api_shapingrule_rename(tqdb_api_handle_t *h, uint32_t session, uint32_t id,
-                                     const char *name) {
-  return tq::rule::rename(kCodes, h, session, id, name);
-}
-uint32_t tqdb_api_shapingrule_set_active(tqdb_api_handle_t *h, uint32_t session, uint32_t id,
-                                         uint8_t active) {
-  return tq::rule::set_active(kCodes, h, session, id, active);
-}
-uint32_t tqdb_api_shapingrule_tstamp(tqdb_api_handle_t *h, uint32_t session, uint32_t id) {
-  return tq::rule::tstamp(kCodes, h, session, id);
-}
-uint32_t tqdb_api_shapingrule_copy(tqdb_api_handle_t *h, uint32_t session, uint32_t id) {
-  return tq::rule::copy(kCodes, h, session, id);
-}
-uint32_t tqdb_api_shapingrule_comments_get(tqdb_api_handle_t *h, uint32_t session, uint32_t id) {
-  return tq::rule::comments_get(kCodes, h, session, id);
-}
-uint32_t tqdb_api_shapingrule_comments_set(tqdb_api_handle_t *h, uint32_t session, uint32_t id,
-                                           const char *comments) {
-  return tq::rule::comments_set(kCodes, h, session, id, comments);
-}
+TQ_RULE_COMMON_REQUESTS(shapingrule, kCodes)
 
 uint32_t tqdb_api_shapingrule_add(tqdb_api_handle_t *h, uint32_t session,
                                   const tqdb_api_shapingrule_t *r) {

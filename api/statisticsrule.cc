@@ -38,34 +38,7 @@ void free_ids(tqdb_api_statisticsrule_t *r) {
 
 }  // namespace
 
-uint32_t tqdb_api_statisticsrule_list(tqdb_api_handle_t *h, uint32_t session) {
-  return tq::rule::list(kCodes, h, session);
-}
-uint32_t tqdb_api_statisticsrule_remove(tqdb_api_handle_t *h, uint32_t session, uint32_t id) {
-  return tq::rule::remove(kCodes, h, session, id);
-}
-uint32_t tqdb_api_statisticsrule_rename(tqdb_api_handle_t *h, uint32_t session, uint32_t id,
-                                        const char *name) {
-  return tq::rule::rename(kCodes, h, session, id, name);
-}
-uint32_t tqdb_api_statisticsrule_set_active(tqdb_api_handle_t *h, uint32_t session, uint32_t id,
-                                            uint8_t active) {
-  return tq::rule::set_active(kCodes, h, session, id, active);
-}
-uint32_t tqdb_api_statisticsrule_tstamp(tqdb_api_handle_t *h, uint32_t session, uint32_t id) {
-  return tq::rule::tstamp(kCodes, h, session, id);
-}
-uint32_t tqdb_api_statisticsrule_copy(tqdb_api_handle_t *h, uint32_t session, uint32_t id) {
-  return tq::rule::copy(kCodes, h, session, id);
-}
-uint32_t tqdb_api_statisticsrule_comments_get(tqdb_api_handle_t *h, uint32_t session,
-                                              uint32_t id) {
-  return tq::rule::comments_get(kCodes, h, session, id);
-}
-uint32_t tqdb_api_statisticsrule_comments_set(tqdb_api_handle_t *h, uint32_t session, uint32_t id,
-                                              const char *comments) {
-  return tq::rule::comments_set(kCodes, h, session, id, comments);
-}
+TQ_RULE_COMMON_REQUESTS(statisticsrule, kCodes)
 
 uint32_t tqdb_api_statisticsrule_add(tqdb_api_handle_t *h, uint32_t session, const char *name,
                                      uint32_t rulecondition, uint8_t connlog,
