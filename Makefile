@@ -35,7 +35,7 @@ asan: build-asan/CMakeCache.txt
 build-bench/CMakeCache.txt:
 	$(CMAKE) -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DTQ_BUILD_BENCH=ON -DTQ_BUILD_TESTS=OFF -DTQ_BUILD_PYTHON=OFF $(CONFIG)
 
-bench: build-bench/CMakeCache.txt
+bench: build build-bench/CMakeCache.txt
 	$(CMAKE) --build build-bench -j $(JOBS)
 	bash bench/run
 
