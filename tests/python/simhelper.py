@@ -76,9 +76,10 @@ class Simulator(object):
                     host, port = text.split()[-1].rsplit(':', 1)
                     self.host, self.port = host, int(port)
                     return
-        self.stop()
         self.log.seek(0)
-        raise AssertionError('tqdbsim did not start: %r' % self.log.read())
+        why = self.log.read()
+        self.stop()
+        raise AssertionError('tqdbsim did not start: %r' % why)
 
     def stop(self):
         if self.proc.poll() is None:
@@ -89,6 +90,7 @@ class Simulator(object):
                 self.proc.kill()
                 self.proc.wait()
         self.proc.stdout.close()
+        self.log.close()
         return self.proc.returncode
 
 

@@ -181,6 +181,54 @@ class RulesetTest(unittest.TestCase):
             self.assertEqual(again[key], first[key], key)
         a.rollback()
 
+    def test_edits_show_in_the_next_listing(self):
+        a = self.op()
+        a.begin()
+        parent, child = a.add_object('edit-parent'), a.add_object('edit-child')
+        stat, _ = a.s.statistics_object_add_handle(a.c.call(
+            a.s.statistics_object_add('edit-stats', interval=30), DATA))
+        ipfix, _ = a.s.ipfix_object_add_handle(a.c.call(
+            a.s.ipfix_object_add('edit-ipfix', '192.0.2.9'), DATA))
+        rule, _ = a.s.statisticsrule_add_handle(a.c.call(a.s.statisticsrule_add('edit-rule', 1, 0),
+                                                         DATA))
+        fw, _ = a.s.fwrule_add_handle(a.c.call(a.s.fwrule_add('edit-fw', T.FWRULE_ACTION_DROP,
+                                                              0, 0), DATA))
+        # (request, answer type, listing, what the listing must then show)
+        steps = [
+            (a.s.object_move(NET, child, parent), DATA,
+             lambda: a.objects()['edit-child']['parent'], parent),
+            (a.s.object_set_visible(NET, child, ''), OK,
+             lambda: a.objects()['edit-child']['visible'], False),
+            (a.s.object_attr_set(NET, child, 'site', 'north'), OK,
+             lambda: a.s.object_attr_list_handle(a.c.call(a.s.object_attr_list(NET, child))),
+             [('site', 'north')]),
+            (a.s.rule_attr_set(T.RULESET_RULE_TYPE_STATISTICS, rule, 'k', 'v'), OK,
+             lambda: a.s.rule_attr_list_handle(a.c.call(
+                 a.s.rule_attr_list(T.RULESET_RULE_TYPE_STATISTICS, rule))), [('k', 'v')]),
+            (a.s.statistics_object_modify(stat, 'edit-stats', 1, 24, 7, 60), DATA,
+             lambda: [(o['split'], o['fields'], o['interval']) for o in a.c.listing(
+                 a.s.statistics_object_list(), a.s.statistics_object_list_handle)
+                 if o['id'] == stat], [(1, 7, 60)]),
+            (a.s.statisticsrule_set_objects(rule, [stat], [ipfix]), DATA,
+             lambda: [(r['statisticsobjects'], r['ipfixobjects'], r['connlog']) for r in
+                      a.c.listing(a.s.statisticsrule_list(), a.s.statisticsrule_list_handle)
+                      if r['id'] == rule], [([stat], [ipfix], True)]),
+            (a.s.fwrule_set_active(fw, 0), DATA,
+             lambda: [r['active'] for r in a.c.listing(a.s.fwrule_list(), a.s.fwrule_list_handle)
+                      if r['id'] == fw], [False]),
+            (a.s.ipfix_object_remove(ipfix), ERROR, lambda: None, None),  # bound to the rule
+            (a.s.object_unlink(NET, parent), OK,
+             lambda: a.objects()['edit-parent']['referenced'], 0),
+        ]
+        for cid, want, listing, shown in steps:
+            m = a.c.reply(cid)
+            self.assertEqual(m.get_type(), want, m.get_error())
+            self.assertEqual(listing(), shown)
+        ipfixes = a.c.listing(a.s.ipfix_object_list(), a.s.ipfix_object_list_handle)
+        self.assertEqual([(o['collector'], o['port'], o['protocol']) for o in ipfixes
+                          if o['id'] == ipfix], [('192.0.2.9', 4739, 17)])
+        a.rollback()
+
     def test_live_view_round_trip(self):
         a = self.op()
         self.assertEqual(a.begin(T.RESOURCE_DYNAMICLIVEVIEW), DATA)
