@@ -180,5 +180,6 @@ uint32_t tqdb_api_request_finish(tqdb_api_handle_t *h, tq_msg_t *req, uint32_t c
 void tqdb_api_put(tq_msg_t *m, uint8_t v) { tq_msg_put_uint8(m, v); }
 void tqdb_api_put(tq_msg_t *m, uint16_t v) { tq_msg_put_uint16(m, v); }
 void tqdb_api_put(tq_msg_t *m, uint32_t v) { tq_msg_put_uint32(m, v); }
+void tqdb_api_put(tq_msg_t *m, uint64_t v) { tq_msg_put_uint64(m, v); }
 void tqdb_api_put(tq_msg_t *m, int32_t v) { tq_msg_put_int32(m, v); }
 void tqdb_api_put(tq_msg_t *m, const char *s) { tq_msg_put_string(m, s); }

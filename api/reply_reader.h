@@ -53,6 +53,11 @@ class ReplyReader {
     if (ok_) check(tq_msg_get_uint32(env_->msg, &v), w);
     return v;
   }
+  uint64_t u64(Where w = Where::current()) {
+    uint64_t v = 0;
+    if (ok_) check(tq_msg_get_uint64(env_->msg, &v), w);
+    return v;
+  }
   int32_t i32(Where w = Where::current()) {
     int32_t v = 0;
     if (ok_) check(tq_msg_get_int32(env_->msg, &v), w);

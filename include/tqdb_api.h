@@ -28,6 +28,7 @@ struct vindel_sock_t;
 void tqdb_api_put(tq_msg_t *m, uint8_t v);
 void tqdb_api_put(tq_msg_t *m, uint16_t v);
 void tqdb_api_put(tq_msg_t *m, uint32_t v);
+void tqdb_api_put(tq_msg_t *m, uint64_t v);
 void tqdb_api_put(tq_msg_t *m, int32_t v);
 void tqdb_api_put(tq_msg_t *m, const char *s);
 
@@ -170,7 +171,7 @@ inline uint32_t tqdb_api_request(tqdb_api_handle_t *h, uint32_t code, uint32_t s
 }
 
 // A request whose body is its fields in order, each put by its type:
-// uint8_t, uint16_t, uint32_t, int32_t as big-endian integers, const char *
+// uint8_t, uint16_t, uint32_t, uint64_t, int32_t as big-endian integers, const char *
 // as a string (nullptr: the null string). The common shape of most requests:
 //   return tqdb_api_send(h, TQDB_REQ_OBJECT_REMOVE, session, type, id);
 template <class... Fields>
