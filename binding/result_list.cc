@@ -155,6 +155,23 @@ OwnedRef field_value(const Field &f, const std::byte *record) {
       }
       return out;
     }
+    case FieldKind::TextPtr: {
+      const char *t = load<const char *>(p);
+      return text(t ? std::string_view(t) : std::string_view());
+    }
+    case FieldKind::U64s:
+    case FieldKind::F64s: {
+      const auto n = load<uint8_t>(record + f.count_at);
+      const auto *a = load<const std::byte *>(p);
+      auto out = OwnedRef::check(PyList_New(0));
+      for (size_t i = 0; a && i < n; ++i) {
+        OwnedRef v = f.kind == FieldKind::U64s
+                         ? int_u64(load<uint64_t>(a + 8 * i))
+                         : OwnedRef::check(PyFloat_FromDouble(load<double>(a + 8 * i)));
+        check_status(PyList_Append(out.get(), v.get()));
+      }
+      return out;
+    }
     case FieldKind::Items:
     case FieldKind::Limits:
     case FieldKind::CondItems:
@@ -200,6 +217,19 @@ OwnedRef convert_record(const ListClass &cls, const tq_list_t *node) {
   return dict;
 }
 
+}  // namespace
+
+OwnedRef record_to_dict(std::span<const Field> fields, const void *record) {
+  OwnedRef dict = record_dict(fields.size());
+  for (const Field &f : fields) {
+    OwnedRef value = field_value(f, static_cast<const std::byte *>(record));
+    check_status(PyDict_SetItemString(dict.get(), f.key, value.get()));
+  }
+  return dict;
+}
+
+namespace {
+
 // --- field tables
 // ---------------------------------------------------------------------------------
 
@@ -234,6 +264,21 @@ ListClass record_list(ListId id, const char *name, std::span<const Field> fields
                    .fields = fields};
 }
 
+// The statistics list record and the graphs: one node, the record that the
+// decoders continue from reply to reply.
+ListClass stat_record_list(ListId id, const char *name) {
+  const bool graph = id != ListId::TQStatreaderList;
+  return ListClass{.id = id,
+                   .name = name,
+                   .doc = graph ? "A decoded graph; convert(unused) gives [dict] with its points."
+                                : "A decoded statistics list; convert(unused) gives a list of "
+                                  "node dicts.",
+                   .convert_node = graph ? convert_stat_graph : convert_abstract,
+                   .release = graph ? release_stat_graph : release_stat_list,
+                   .fields = {},
+                   .convert_all = graph ? nullptr : convert_stat_list};
+}
+
 // In ListId order.
 std::array<ListClass, 44> g_classes = {
     record_list(ListId::TQResList, "TQResList", kResourceFields),
@@ -262,7 +307,7 @@ std::array<ListClass, 44> g_classes = {
                 tqdb_api_shapingrule_list_free),
     record_list(ListId::TQStatisticsList, "TQStatisticsList", g_statisticsrule_fields,
                 tqdb_api_statisticsrule_list_free),
-    record_list(ListId::TQGraphList, "TQGraphList", kNoFieldsYet),
+    stat_record_list(ListId::TQGraphList, "TQGraphList"),
     record_list(ListId::TQConnlogList, "TQConnlogList", kNoFieldsYet),
     record_list(ListId::TQServicesList, "TQServicesList", kNoFieldsYet),
     record_list(ListId::TQConfigList, "TQConfigList", kNoFieldsYet),
@@ -277,12 +322,13 @@ std::array<ListClass, 44> g_classes = {
     record_list(ListId::TQLogFacilityList, "TQLogFacilityList", kNoFieldsYet),
     record_list(ListId::TQChannelList, "TQChannelList", kNoFieldsYet),
     record_list(ListId::TQChannelLabelList, "TQChannelLabelList", kNoFieldsYet),
-    record_list(ListId::TQStatreaderList, "TQStatreaderList", kNoFieldsYet),
-    record_list(ListId::TQSubscribercountList, "TQSubscribercountList", kNoFieldsYet),
-    record_list(ListId::TQSubscribercountGraph, "TQSubscribercountGraph", kNoFieldsYet),
-    record_list(ListId::TQStatreaderDurationList, "TQStatreaderDurationList", kNoFieldsYet),
-    record_list(ListId::TQSubitemcountList, "TQSubitemcountList", kNoFieldsYet),
-    record_list(ListId::TQStatreaderNamesList, "TQStatreaderNamesList", kNoFieldsYet),
+    stat_record_list(ListId::TQStatreaderList, "TQStatreaderList"),
+    record_list(ListId::TQSubscribercountList, "TQSubscribercountList", g_statreader_node_fields),
+    stat_record_list(ListId::TQSubscribercountGraph, "TQSubscribercountGraph"),
+    record_list(ListId::TQStatreaderDurationList, "TQStatreaderDurationList",
+                g_statreader_node_fields),
+    record_list(ListId::TQSubitemcountList, "TQSubitemcountList", g_statreader_node_fields),
+    record_list(ListId::TQStatreaderNamesList, "TQStatreaderNamesList", g_statreader_node_fields),
     ListClass{.id = ListId::ResultList,
               .name = "ResultList",
               .doc = "Base of the list classes: owns a decoded C list; convert(unused) turns "
@@ -381,6 +427,7 @@ OwnedRef result_list_convert(ResultListObject *self, PyObject *args, PyObject *k
     TextCache *outer;
     ~Restore() { g_text_cache = outer; }
   } restore{outer};
+  if (self->cls->convert_all) return self->cls->convert_all(*self->cls, self->list);
   for (const tq_list_t *node = self->list; node; node = node->next) {
     OwnedRef value = self->cls->convert_node(*self->cls, node);
     check_status(PyList_Append(out.get(), value.get()));

@@ -48,6 +48,9 @@ enum class FieldKind {
   CondItems,      // tq_list_t * of rule condition items -> [Item, ...]
   Distributions,  // tq_list_t * of live view distributions -> [Distribution, ...]
   Filters,        // tq_list_t * of live view filters -> [Filter, ...], values as [str, ...]
+  TextPtr,        // char * (nullptr: "") -> str
+  U64s,           // uint64_t *, u8 count at count_at -> [int, ...]
+  F64s,           // double *, u8 count at count_at -> [float, ...]
 };
 
 struct Field {
@@ -56,10 +59,16 @@ struct Field {
   FieldKind kind;
   size_t size;      // sizeof the member (bounds Text)
   uint32_t mask = 0;  // FlagBit: the bit
+  size_t count_at = 0;  // U64s, F64s: offsetof the u8 count
 };
 
 #define TQ_FIELD(Record, member, kind, key) \
   ::tqpy::Field { key, offsetof(Record, member), ::tqpy::FieldKind::kind, sizeof(Record::member) }
+#define TQ_ARRAY_FIELD(Record, member, kind, count, key)                                 \
+  ::tqpy::Field {                                                                      \
+    key, offsetof(Record, member), ::tqpy::FieldKind::kind, sizeof(Record::member), 0, \
+        offsetof(Record, count)                                                        \
+  }
 #define TQ_FLAG_BIT(Record, member, bit, key)                                      \
   ::tqpy::Field {                                                                \
     key, offsetof(Record, member), ::tqpy::FieldKind::FlagBit, sizeof(Record::member), bit \
@@ -69,6 +78,8 @@ struct ListClass;
 // The value of one node; throws with a Python error set on failure.
 using ConvertNode = OwnedRef (*)(const ListClass &cls, const tq_list_t *node);
 using ReleaseList = void (*)(tq_list_t *list);
+// The whole list's value, for classes whose list is not one value per node.
+using ConvertAll = OwnedRef (*)(const ListClass &cls, const tq_list_t *list);
 
 enum class ListId;
 
@@ -79,6 +90,7 @@ struct ListClass {
   ConvertNode convert_node;
   ReleaseList release;
   std::span<const Field> fields;  // record lists only
+  ConvertAll convert_all = nullptr;  // when set, convert() is this
   // Filled at module initialisation:
   PyTypeObject type{};
   std::string qualname{};        // "TQDBv17_1.<name>"
@@ -163,6 +175,9 @@ OwnedRef record_text(const char *s, size_t max);
 inline OwnedRef record_dict(size_t fields) {
   return OwnedRef::check(compat::dict_presized(static_cast<Py_ssize_t>(fields)));
 }
+// The dict of a record that is not a class's own (nested records), by the
+// field table given.
+OwnedRef record_to_dict(std::span<const Field> fields, const void *record);
 
 // Conversions shared by the list classes.
 std::string ipv4_text(uint32_t addr);

@@ -61,6 +61,7 @@ struct Name {
 enum class Conv : uint8_t {
   Int,      // a C int (OverflowError beyond), cast to the destination's width
   U32,      // -2**31 .. 2**32-1, for bit masks
+  U64,      // -2**63 .. 2**64-1, for 64-bit masks
   Truth,    // the truth of any value, as 1 or 0
   Text,     // str (or bytes), no NUL inside
   IntSeq,   // a sequence of ints: a span parameter, or an integer list field
@@ -134,7 +135,7 @@ using RecordPtr = std::unique_ptr<T, TqFree>;
 using ItemPtr = RecordPtr<tqdb_api_object_item_t>;
 
 inline constexpr size_t kMaxArgs = 12;
-inline constexpr size_t kMaxParams = 8;
+inline constexpr size_t kMaxParams = 10;
 inline constexpr size_t kRecordBytes = 4096;
 
 struct CallState {
@@ -279,6 +280,8 @@ OwnedRef attrs_body(SessionObject *, PyObject *args, PyObject *kwds) {
 // --- conversions the families provide ------------------------------------------------------
 // A C int / a u32 (-2**31 .. 2**32-1) of an argument.
 uint32_t arg_u32(PyObject *o);
+// A u64 (-2**63 .. 2**64-1) of an argument.
+uint64_t arg_u64(PyObject *o);
 // The ints of a sequence, as u32.
 std::vector<uint32_t> int_sequence(PyObject *seq, const char *argname);
 // Puts data in front of l; bad_alloc (data still the caller's) when no node.
@@ -316,6 +319,8 @@ extern const std::span<const PyMethodDef> g_rule_rows;
 extern const std::span<const PyMethodDef> g_ruleconditions_rows;
 extern const std::span<const PyMethodDef> g_dynamicliveview_rows;
 extern const std::span<const PyMethodDef> g_statisticsobject_rows;
+extern const std::span<const PyMethodDef> g_statreader_rows;
+extern const std::span<const PyMethodDef> g_stat_query_rows;
 
 extern const std::span<const Field> g_object_fields;
 extern const std::span<const Field> g_shapingobject_fields;
@@ -326,6 +331,13 @@ extern const std::span<const Field> g_rulecondition_fields;
 extern const std::span<const Field> g_dynamicliveview_fields;
 extern const std::span<const Field> g_statisticsobject_fields;
 extern const std::span<const Field> g_ipfixobject_fields;
+// statreader.cc: a node of the node lists, and the list record and graph
+// classes, whose list holds one node: the record the decoders continue.
+extern const std::span<const Field> g_statreader_node_fields;
+OwnedRef convert_stat_list(const ListClass &cls, const tq_list_t *list);
+OwnedRef convert_stat_graph(const ListClass &cls, const tq_list_t *node);
+void release_stat_list(tq_list_t *list);
+void release_stat_graph(tq_list_t *list);
 
 // The four audit fields that end every ruleset record.
 #define TQ_AUDIT_FIELD(Record, member)                                                     \

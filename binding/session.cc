@@ -26,17 +26,20 @@ void session_dealloc(PyObject *obj) {
   PyObject_GC_UnTrack(obj);
   as_session(obj)->handle = nullptr;
   Py_CLEAR(as_session(obj)->owner);
+  Py_CLEAR(as_session(obj)->queries);
   Py_TYPE(obj)->tp_free(obj);
 }
 
 int session_traverse(PyObject *obj, visitproc visit, void *arg) {
   Py_VISIT(as_session(obj)->owner);
+  Py_VISIT(as_session(obj)->queries);
   return 0;
 }
 
 int session_clear(PyObject *obj) {
   as_session(obj)->handle = nullptr;
   Py_CLEAR(as_session(obj)->owner);
+  Py_CLEAR(as_session(obj)->queries);
   return 0;
 }
 
@@ -92,7 +95,8 @@ void convert_arg(const ArgSpec &spec, PyObject *value, CallState &st) {
   std::byte *dest = st.record + spec.offset;
   if (!value) {
     // Left out: an Int takes its default, everything else stays zero / "".
-    if (spec.conv == Conv::Int || spec.conv == Conv::U32) put_int(spec, spec.def, st);
+    if (spec.conv == Conv::Int || spec.conv == Conv::U32 || spec.conv == Conv::U64)
+      put_int(spec, spec.def, st);
     return;
   }
   switch (spec.conv) {
@@ -100,6 +104,8 @@ void convert_arg(const ArgSpec &spec, PyObject *value, CallState &st) {
       return put_int(spec, arg_as_int(value), st);
     case Conv::U32:
       return put_int(spec, arg_u32(value), st);
+    case Conv::U64:
+      return put_int(spec, static_cast<long long>(arg_u64(value)), st);
     case Conv::Truth: {
       const int truth = PyObject_IsTrue(value);
       check_status(truth);
@@ -300,6 +306,7 @@ std::vector<PyMethodDef> &session_methods() {
     const std::span<const PyMethodDef> families[] = {
         kCoreRows,          g_object_rows,          g_shapingobject_rows,   g_rule_rows,
         g_ruleconditions_rows, g_dynamicliveview_rows, g_statisticsobject_rows,
+        g_statreader_rows,  g_stat_query_rows,
     };
     for (const auto &rows : families) methods.insert(methods.end(), rows.begin(), rows.end());
     methods.push_back(TQ_METHOD_END);

@@ -22,9 +22,8 @@ PyTypeObject *g_vindel_type = nullptr;
 
 namespace {
 
-// Classes that later work gives their behaviour: the column query stream,
-// the file service transfer and the backup transfer.
-PyTypeObject g_stat_query_state_type;
+// Classes that later work gives their behaviour: the file service transfer
+// and the backup transfer.
 PyTypeObject g_file_serve_type;
 PyTypeObject g_backup_type;
 
@@ -44,7 +43,6 @@ void plain_types_fill() {
     const char *doc;
   };
   const Row rows[] = {
-      {&g_stat_query_state_type, "TQDBv17_1.TQStatQueryState", "State of a statistics query."},
       {&g_file_serve_type, "TQDBv17_1.TQFileServe", "A file service transfer."},
       {&g_backup_type, "TQDBv17_1.TQBackup", "A backup transfer."},
   };
@@ -148,6 +146,7 @@ OwnedRef module_body() {
   message_type_fill();
   list_types_fill();
   plain_types_fill();
+  stat_query_state_type_fill();
   session_type_fill();
   handle_type_fill();
   value_types_fill();

@@ -50,6 +50,7 @@ struct SessionObject {
   uint32_t session_id;
   tqdb_api_handle_t *handle;  // owned by *owner; nullptr for a detached Session
   PyObject *owner;            // the TQDBAPIHandle (strong)
+  PyObject *queries;          // {cid: TQStatQueryState} of open queries, or nullptr (strong)
 };
 
 extern PyTypeObject g_message_type;
@@ -61,6 +62,9 @@ extern PyTypeObject *g_vindel_type;
 void message_type_fill();
 void handle_type_fill();
 void session_type_fill();
+// stat_query.cc: TQStatQueryState.
+extern PyTypeObject g_stat_query_state_type;
+void stat_query_state_type_fill();
 
 // The envelope of a decoder's msg argument, which must be a TQMessage
 // ("Argument 'msg' has incorrect type ..."); nullptr for an empty TQMessage.
