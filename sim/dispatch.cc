@@ -57,6 +57,13 @@ bool Body::end() {
   return fail(format("%u unexpected bytes after the body", left));
 }
 
+bool Body::bytes(std::string &out, uint32_t n) {
+  out.clear();
+  if (!fault_.empty() || n > tq_msg_avail_bytes(msg_)) return fail("body too short");
+  out.assign(reinterpret_cast<const char *>(msg_->data + msg_->rpos), n);
+  return tq_msg_skip(msg_, n) ? true : fail("body too short");
+}
+
 uint32_t Body::left() const { return fault_.empty() ? tq_msg_avail_bytes(msg_) : 0; }
 
 void Call::ok() { reply(reply_ok(session, cid)); }
@@ -114,7 +121,7 @@ constexpr Family kFamilies[] = {
     family_core,           family_resource,         family_object,
     family_shapingobject,  family_fwrule,           family_shapingrule,
     family_statisticsrule, family_ruleattr,        family_ruleconditions,   family_dynamicliveview,
-    family_statisticsobject, family_ipfixobject,
+    family_statisticsobject, family_ipfixobject, family_statreader,
 };
 
 }  // namespace

@@ -19,6 +19,7 @@
 #define TQSIM_DISPATCH_H
 
 #include <cstdint>
+#include <memory>
 #include <span>
 #include <string>
 #include <string_view>
@@ -33,6 +34,8 @@ namespace tqsim {
 
 struct Options;
 class Out;
+class StatsStore;
+class QueryRun;
 
 // Reads a request body field by field. The first failure is remembered as
 // the reason the body is malformed; reads after a failure fail too.
@@ -47,6 +50,8 @@ class Body {
   [[nodiscard]] bool u64(uint64_t &v);
   // A message string; a null string (count 0) reads as empty with *null set.
   [[nodiscard]] bool text(std::string &out, bool *null = nullptr);
+  // The next n raw bytes.
+  [[nodiscard]] bool bytes(std::string &out, uint32_t n);
   // True when the whole body has been read.
   [[nodiscard]] bool end();
   // Bytes not read yet (0 after a failure).
@@ -78,6 +83,10 @@ class Hub {
   virtual void send_to_session(uint32_t session, Msg m) = 0;
   virtual const Options &options() const = 0;
   virtual uint64_t now() const = 0;  // seconds since 1970
+  virtual StatsStore &stats() = 0;
+  // Takes over a query addressed to its client; it runs in slices between
+  // the rounds of the poll loop.
+  virtual void run_query(std::unique_ptr<QueryRun> q) = 0;
 };
 
 // One request being handled.
@@ -137,6 +146,7 @@ std::span<const Route> family_ruleconditions();
 std::span<const Route> family_dynamicliveview();
 std::span<const Route> family_statisticsobject();
 std::span<const Route> family_ipfixobject();
+std::span<const Route> family_statreader();
 
 // What every connection receives once its handshake is done: the version
 // word and the texts "tqdbsim" and "17.1.0" (the word decoded).

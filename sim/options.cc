@@ -25,7 +25,8 @@ bool parse_number(std::string_view text, T max, T &out) {
 
 const char *usage_text() {
   return "usage: tqdbsim [--host ADDR] [--port N] [--user NAME:PASSWORD]... [--version WORD] "
-         "[--state FILE] [--max-reply-bytes N] [--verbose]\n"
+         "[--state FILE] [--max-reply-bytes N] [--stats-seed N] [--stats-scale N]\n"
+         "       [--query-timeout-ms N] [--query-max-rows N] [--verbose]\n"
          "  --host ADDR           address to listen on (default 127.0.0.1)\n"
          "  --port N              TCP port (default 17100; 0 picks a free one)\n"
          "  --user NAME:PASSWORD  an account that may log in; repeat for more\n"
@@ -36,6 +37,10 @@ const char *usage_text() {
          "                        and save them there after every commit of either\n"
          "  --max-reply-bytes N   cut list answers into messages of at most N bytes\n"
          "                        (64 to 32768, default 32768)\n"
+         "  --stats-seed N        seed of the generated statistics store (default 1)\n"
+         "  --stats-scale N       size of the statistics tree, 1 to 16 (default 1)\n"
+         "  --query-timeout-ms N  a statistics query stops after N ms (default 5000)\n"
+         "  --query-max-rows N    a statistics query stops after N rows (default 100000)\n"
          "  --verbose             log connections and requests on stderr\n"
          "Prints \"tqdbsim listening on HOST:PORT\" once ready; stops on SIGINT or SIGTERM.\n";
 }
@@ -67,7 +72,8 @@ ParseResult parse_options(int argc, char **argv, Options &opts, std::string &why
       continue;
     }
     if (arg != "--host" && arg != "--port" && arg != "--user" && arg != "--version" &&
-        arg != "--state" && arg != "--max-reply-bytes") {
+        arg != "--state" && arg != "--max-reply-bytes" && arg != "--stats-seed" &&
+        arg != "--stats-scale" && arg != "--query-timeout-ms" && arg != "--query-max-rows") {
       why = "unknown argument '" + std::string(arg) + "'";
       return ParseResult::kBad;
     }
@@ -96,6 +102,22 @@ ParseResult parse_options(int argc, char **argv, Options &opts, std::string &why
       if (!parse_number<uint32_t>(value, kMaxReplyBytes, opts.max_reply_bytes) ||
           opts.max_reply_bytes < kMinReplyBytes) {
         why = "bad --max-reply-bytes '" + std::string(value) + "' (64 to 32768)";
+        return ParseResult::kBad;
+      }
+    } else if (arg == "--stats-seed") {
+      if (!parse_number<uint64_t>(value, ~uint64_t{0}, opts.stats_seed)) {
+        why = "bad --stats-seed '" + std::string(value) + "'";
+        return ParseResult::kBad;
+      }
+    } else if (arg == "--stats-scale") {
+      if (!parse_number<uint32_t>(value, 16, opts.stats_scale) || opts.stats_scale == 0) {
+        why = "bad --stats-scale '" + std::string(value) + "' (1 to 16)";
+        return ParseResult::kBad;
+      }
+    } else if (arg == "--query-timeout-ms" || arg == "--query-max-rows") {
+      uint32_t &to = arg == "--query-max-rows" ? opts.query_max_rows : opts.query_timeout_ms;
+      if (!parse_number<uint32_t>(value, 0xFFFFFFFFu, to) || to == 0) {
+        why = "bad " + std::string(arg) + " '" + std::string(value) + "'";
         return ParseResult::kBad;
       }
     } else if (arg == "--version") {

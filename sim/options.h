@@ -29,6 +29,12 @@ struct Options {
   uint32_t max_reply_bytes = kMaxReplyBytes;
   // Where the committed ruleset and live views are kept; empty: in memory only.
   std::string state_file;
+  // The statistics store: generator seed and size (nodes grow with scale).
+  uint64_t stats_seed = 1;
+  uint32_t stats_scale = 1;
+  // A columnar query ends with a notice past either limit.
+  uint32_t query_timeout_ms = 5000;
+  uint32_t query_max_rows = 100000;
 };
 
 enum class ParseResult { kRun, kHelp, kBad };

@@ -1,5 +1,6 @@
 #include "server.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
 #include <cstdarg>
@@ -24,6 +25,8 @@ using namespace std::chrono_literals;
 constexpr auto kHandshakeTimeout = 10s;
 constexpr auto kAcceptBackoff = 100ms;
 constexpr int kPollTimeoutMs = 500;
+// Rows a running query may produce per round of the loop.
+constexpr std::size_t kQuerySlice = 256;
 
 std::string peer_text(const sockaddr_storage &ss) {
   char host[INET6_ADDRSTRLEN] = "?";
@@ -43,9 +46,15 @@ std::string peer_text(const sockaddr_storage &ss) {
 }  // namespace
 
 Server::Server(Options opts)
-    : opts_(std::move(opts)), store_("tqdbsim", static_cast<uint64_t>(std::time(nullptr))) {}
+    : opts_(std::move(opts)),
+      store_("tqdbsim", static_cast<uint64_t>(std::time(nullptr))),
+      stats_(opts_.stats_seed, opts_.stats_scale) {
+  if (!stats_.built())
+    std::fprintf(stderr, "tqdbsim: statistics store: %s\n", stats_.fault().c_str());
+}
 
 Server::~Server() {
+  queries_.clear();
   for (auto &[id, c] : conns_) store_.end_sessions_of(id);
   conns_.clear();
 }
@@ -123,7 +132,13 @@ bool Server::run(int stop_fd) {
       ids.push_back(id);
     }
 
-    if (poll(fds.data(), fds.size(), kPollTimeoutMs) < 0) {
+    // A query that may go on is stepped right after the poll; one waiting
+    // for its client to read waits with the rest.
+    const bool query_ready = std::ranges::any_of(queries_, [&](const auto &q) {
+      auto it = conns_.find(q->conn());
+      return it == conns_.end() || !it->second->wants_write();
+    });
+    if (poll(fds.data(), fds.size(), query_ready ? 0 : kPollTimeoutMs) < 0) {
       if (errno == EINTR) continue;
       std::fprintf(stderr, "tqdbsim: poll: %s\n", std::strerror(errno));
       return false;
@@ -137,6 +152,8 @@ bool Server::run(int stop_fd) {
       if (revents == 0 || it == conns_.end() || it->second->doomed) continue;
       service(*it->second, revents);
     }
+
+    pump_queries();
 
     // Replies and notices queued this round go out now; poll only waits
     // for what the socket did not take.
@@ -266,6 +283,17 @@ void Server::handle(Conn &c, tq_msg_t &m) {
       break;
   }
   route->handler(call);
+}
+
+void Server::run_query(std::unique_ptr<QueryRun> q) { queries_.push_back(std::move(q)); }
+
+void Server::pump_queries() {
+  std::erase_if(queries_, [&](std::unique_ptr<QueryRun> &q) {
+    auto it = conns_.find(q->conn());
+    if (it == conns_.end() || it->second->doomed) return true;
+    if (it->second->wants_write()) return false;  // let the client catch up first
+    return q->pump(*this, kQuerySlice);
+  });
 }
 
 void Server::send_to_conn(uint32_t conn, Msg m) {

@@ -15,10 +15,12 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "conn.h"
 #include "dispatch.h"
 #include "options.h"
+#include "stats_store.h"
 #include "store.h"
 #include "util.h"
 
@@ -41,6 +43,8 @@ class Server final : public Hub {
   void send_to_session(uint32_t session, Msg m) override;
   const Options &options() const override { return opts_; }
   uint64_t now() const override;
+  StatsStore &stats() override { return stats_; }
+  void run_query(std::unique_ptr<QueryRun> q) override;
 
  private:
   void accept_all();
@@ -49,12 +53,16 @@ class Server final : public Hub {
   void handle(Conn &c, tq_msg_t &m);
   void doom(Conn &c, std::string reason);
   void reap();
+  // Steps every running query whose client has taken its last replies.
+  void pump_queries();
   void log(const char *fmt, ...) const __attribute__((format(printf, 2, 3)));
 
   Options opts_;
   UniqueFd listener_;
   uint16_t port_ = 0;
   Store store_;
+  StatsStore stats_;
+  std::vector<std::unique_ptr<QueryRun>> queries_;
   Dispatch dispatch_;
   std::map<uint32_t, std::unique_ptr<Conn>> conns_;
   uint32_t next_conn_ = 1;
