@@ -38,31 +38,11 @@ class ReplyReader {
   // No field has been short so far.
   bool ok() const { return ok_; }
 
-  uint8_t u8(Where w = Where::current()) {
-    uint8_t v = 0;
-    if (ok_) check(tq_msg_get_uint8(env_->msg, &v), w);
-    return v;
-  }
-  uint16_t u16(Where w = Where::current()) {
-    uint16_t v = 0;
-    if (ok_) check(tq_msg_get_uint16(env_->msg, &v), w);
-    return v;
-  }
-  uint32_t u32(Where w = Where::current()) {
-    uint32_t v = 0;
-    if (ok_) check(tq_msg_get_uint32(env_->msg, &v), w);
-    return v;
-  }
-  uint64_t u64(Where w = Where::current()) {
-    uint64_t v = 0;
-    if (ok_) check(tq_msg_get_uint64(env_->msg, &v), w);
-    return v;
-  }
-  int32_t i32(Where w = Where::current()) {
-    int32_t v = 0;
-    if (ok_) check(tq_msg_get_int32(env_->msg, &v), w);
-    return v;
-  }
+  uint8_t u8(Where w = Where::current()) { return get<uint8_t, tq_msg_get_uint8>(w); }
+  uint16_t u16(Where w = Where::current()) { return get<uint16_t, tq_msg_get_uint16>(w); }
+  uint32_t u32(Where w = Where::current()) { return get<uint32_t, tq_msg_get_uint32>(w); }
+  uint64_t u64(Where w = Where::current()) { return get<uint64_t, tq_msg_get_uint64>(w); }
+  int32_t i32(Where w = Where::current()) { return get<int32_t, tq_msg_get_int32>(w); }
   // A text cut to size - 1 characters; empty when short.
   void text(char *buf, size_t size, Where w = Where::current()) {
     if (!ok_ || !check(tq_msg_get_string_len(env_->msg, buf, size), w)) buf[0] = '\0';
@@ -80,6 +60,12 @@ class ReplyReader {
   }
 
  private:
+  template <class T, bool (*Get)(tq_msg_t *, T *)>
+  T get(const Where &w) {
+    T v = 0;
+    if (ok_) check(Get(env_->msg, &v), w);
+    return v;
+  }
   bool check(bool read, const Where &w) {
     if (!read) {
       ok_ = false;

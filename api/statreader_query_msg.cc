@@ -371,39 +371,25 @@ bool tqdb_api_statreader_query_handle_msg(tqdb_api_statreader_query_state_t *sta
   return true;
 }
 
-uint8_t tqdb_api_statreader_query_get_bool(const tqdb_api_statreader_query_state_t *s, unsigned col) {
-  return get_col<uint8_t, TQDB_QUERY_COL_BOOL>(s, col, __func__);
-}
-uint8_t tqdb_api_statreader_query_get_uint8(const tqdb_api_statreader_query_state_t *s, unsigned col) {
-  return get_col<uint8_t, TQDB_QUERY_COL_UINT8>(s, col, __func__);
-}
-int8_t tqdb_api_statreader_query_get_int8(const tqdb_api_statreader_query_state_t *s, unsigned col) {
-  return get_col<int8_t, TQDB_QUERY_COL_INT8>(s, col, __func__);
-}
-uint16_t tqdb_api_statreader_query_get_uint16(const tqdb_api_statreader_query_state_t *s, unsigned col) {
-  return get_col<uint16_t, TQDB_QUERY_COL_UINT16>(s, col, __func__);
-}
-int16_t tqdb_api_statreader_query_get_int16(const tqdb_api_statreader_query_state_t *s, unsigned col) {
-  return get_col<int16_t, TQDB_QUERY_COL_INT16>(s, col, __func__);
-}
-uint32_t tqdb_api_statreader_query_get_uint32(const tqdb_api_statreader_query_state_t *s, unsigned col) {
-  return get_col<uint32_t, TQDB_QUERY_COL_UINT32>(s, col, __func__);
-}
-int32_t tqdb_api_statreader_query_get_int32(const tqdb_api_statreader_query_state_t *s, unsigned col) {
-  return get_col<int32_t, TQDB_QUERY_COL_INT32>(s, col, __func__);
-}
-uint64_t tqdb_api_statreader_query_get_uint64(const tqdb_api_statreader_query_state_t *s, unsigned col) {
-  return get_col<uint64_t, TQDB_QUERY_COL_UINT64>(s, col, __func__);
-}
-int64_t tqdb_api_statreader_query_get_int64(const tqdb_api_statreader_query_state_t *s, unsigned col) {
-  return get_col<int64_t, TQDB_QUERY_COL_INT64>(s, col, __func__);
-}
-float tqdb_api_statreader_query_get_float(const tqdb_api_statreader_query_state_t *s, unsigned col) {
-  return get_col<float, TQDB_QUERY_COL_FLOAT>(s, col, __func__);
-}
-double tqdb_api_statreader_query_get_double(const tqdb_api_statreader_query_state_t *s, unsigned col) {
-  return get_col<double, TQDB_QUERY_COL_DOUBLE>(s, col, __func__);
-}
+// The typed getters: one row per column type; each names itself in the
+// TQ-BUG text when a column of another type is asked for.
+#define TQ_QUERY_GETTER(T, name, coltype)                                                     \
+  T tqdb_api_statreader_query_get_##name(const tqdb_api_statreader_query_state_t *s, unsigned col) { \
+    return get_col<T, coltype>(s, col, __func__);                                              \
+  }
+TQ_QUERY_GETTER(uint8_t, bool, TQDB_QUERY_COL_BOOL)
+TQ_QUERY_GETTER(uint8_t, uint8, TQDB_QUERY_COL_UINT8)
+TQ_QUERY_GETTER(int8_t, int8, TQDB_QUERY_COL_INT8)
+TQ_QUERY_GETTER(uint16_t, uint16, TQDB_QUERY_COL_UINT16)
+TQ_QUERY_GETTER(int16_t, int16, TQDB_QUERY_COL_INT16)
+TQ_QUERY_GETTER(uint32_t, uint32, TQDB_QUERY_COL_UINT32)
+TQ_QUERY_GETTER(int32_t, int32, TQDB_QUERY_COL_INT32)
+TQ_QUERY_GETTER(uint64_t, uint64, TQDB_QUERY_COL_UINT64)
+TQ_QUERY_GETTER(int64_t, int64, TQDB_QUERY_COL_INT64)
+TQ_QUERY_GETTER(float, float, TQDB_QUERY_COL_FLOAT)
+TQ_QUERY_GETTER(double, double, TQDB_QUERY_COL_DOUBLE)
+#undef TQ_QUERY_GETTER
+
 const uint8_t *tqdb_api_statreader_query_get_bytes(const tqdb_api_statreader_query_state_t *s,
                                                    unsigned col, uint32_t *length) {
   uint8_t *bytes = get_col<uint8_t *, TQDB_QUERY_COL_BYTES>(s, col, __func__);
