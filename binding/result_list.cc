@@ -282,7 +282,7 @@ ListClass stat_record_list(ListId id, const char *name) {
 // In ListId order.
 std::array<ListClass, 44> g_classes = {
     record_list(ListId::TQResList, "TQResList", kResourceFields),
-    record_list(ListId::LevelList, "LevelList", kNoFieldsYet),
+    record_list(ListId::LevelList, "LevelList", g_level_fields),
     record_list(ListId::TQObjList, "TQObjList", g_object_fields, tqdb_api_object_list_free),
     record_list(ListId::TQShapingObjList, "TQShapingObjList", g_shapingobject_fields,
                 tqdb_api_shapingobject_list_free),
@@ -313,7 +313,7 @@ std::array<ListClass, 44> g_classes = {
     record_list(ListId::TQConfigList, "TQConfigList", kNoFieldsYet),
     record_list(ListId::TQConfigCategoryList, "TQConfigCategoryList", kNoFieldsYet),
     record_list(ListId::TQConfigFlagList, "TQConfigFlagList", kNoFieldsYet),
-    record_list(ListId::TQBackupList, "TQBackupList", kNoFieldsYet),
+    record_list(ListId::TQBackupList, "TQBackupList", g_backup_fields),
     record_list(ListId::TQConnprotTriggerList, "TQConnprotTriggerList", kNoFieldsYet),
     record_list(ListId::TQSystemOverviewSystemList, "TQSystemOverviewSystemList", kNoFieldsYet),
     record_list(ListId::TQSystemOverviewTemplateList, "TQSystemOverviewTemplateList",
@@ -342,16 +342,16 @@ std::array<ListClass, 44> g_classes = {
               .convert_node = convert_text,
               .release = release_with_records,
               .fields = {}},
-    record_list(ListId::TQFileservTypeList, "TQFileservTypeList", kNoFieldsYet),
-    record_list(ListId::TQFileservList, "TQFileservList", kNoFieldsYet),
-    record_list(ListId::TQUserList, "TQUserList", kNoFieldsYet),
+    record_list(ListId::TQFileservTypeList, "TQFileservTypeList", g_fileserv_type_fields),
+    record_list(ListId::TQFileservList, "TQFileservList", g_fileserv_file_fields),
+    record_list(ListId::TQUserList, "TQUserList", g_user_fields),
     record_list(ListId::TQUserPubkeyList, "TQUserPubkeyList", kNoFieldsYet),
     record_list(ListId::TQHostTriggerList, "TQHostTriggerList", kNoFieldsYet),
-    record_list(ListId::TQSysDiagZoneList, "TQSysDiagZoneList", kNoFieldsYet),
-    record_list(ListId::TQSysDiagZoneValueList, "TQSysDiagZoneValueList", kNoFieldsYet),
-    record_list(ListId::TQSysDiagLogEntryList, "TQSysDiagLogEntryList", kNoFieldsYet),
+    record_list(ListId::TQSysDiagZoneList, "TQSysDiagZoneList", g_sysdiag_zone_fields),
+    record_list(ListId::TQSysDiagZoneValueList, "TQSysDiagZoneValueList", g_sysdiag_zone_value_fields),
+    record_list(ListId::TQSysDiagLogEntryList, "TQSysDiagLogEntryList", g_sysdiag_log_fields),
     record_list(ListId::TQSysDiagMallocUsageEntryList, "TQSysDiagMallocUsageEntryList",
-                kNoFieldsYet),
+                g_sysdiag_malloc_fields),
 };
 
 // The class whose operations objects of `type` use: type itself or the

@@ -321,6 +321,10 @@ extern const std::span<const PyMethodDef> g_dynamicliveview_rows;
 extern const std::span<const PyMethodDef> g_statisticsobject_rows;
 extern const std::span<const PyMethodDef> g_statreader_rows;
 extern const std::span<const PyMethodDef> g_stat_query_rows;
+extern const std::span<const PyMethodDef> g_sysdiag_rows;
+extern const std::span<const PyMethodDef> g_user_rows;
+extern const std::span<const PyMethodDef> g_fileserv_rows;
+extern const std::span<const PyMethodDef> g_backup_rows;
 
 extern const std::span<const Field> g_object_fields;
 extern const std::span<const Field> g_shapingobject_fields;
@@ -331,6 +335,16 @@ extern const std::span<const Field> g_rulecondition_fields;
 extern const std::span<const Field> g_dynamicliveview_fields;
 extern const std::span<const Field> g_statisticsobject_fields;
 extern const std::span<const Field> g_ipfixobject_fields;
+// sysdiag.cc, user.cc, fileserv.cc, backup.cc
+extern const std::span<const Field> g_level_fields;
+extern const std::span<const Field> g_sysdiag_zone_fields;
+extern const std::span<const Field> g_sysdiag_zone_value_fields;
+extern const std::span<const Field> g_sysdiag_log_fields;
+extern const std::span<const Field> g_sysdiag_malloc_fields;
+extern const std::span<const Field> g_user_fields;
+extern const std::span<const Field> g_fileserv_type_fields;
+extern const std::span<const Field> g_fileserv_file_fields;
+extern const std::span<const Field> g_backup_fields;
 // statreader.cc: a node of the node lists, and the list record and graph
 // classes, whose list holds one node: the record the decoders continue.
 extern const std::span<const Field> g_statreader_node_fields;

@@ -306,7 +306,8 @@ std::vector<PyMethodDef> &session_methods() {
     const std::span<const PyMethodDef> families[] = {
         kCoreRows,          g_object_rows,          g_shapingobject_rows,   g_rule_rows,
         g_ruleconditions_rows, g_dynamicliveview_rows, g_statisticsobject_rows,
-        g_statreader_rows,  g_stat_query_rows,
+        g_statreader_rows,  g_stat_query_rows,   g_sysdiag_rows,         g_user_rows,
+        g_fileserv_rows,    g_backup_rows,
     };
     for (const auto &rows : families) methods.insert(methods.end(), rows.begin(), rows.end());
     methods.push_back(TQ_METHOD_END);

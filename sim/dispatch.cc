@@ -122,6 +122,7 @@ constexpr Family kFamilies[] = {
     family_shapingobject,  family_fwrule,           family_shapingrule,
     family_statisticsrule, family_ruleattr,        family_ruleconditions,   family_dynamicliveview,
     family_statisticsobject, family_ipfixobject, family_statreader,
+    family_sysdiag,        family_user,             family_fileserv,         family_backup,
 };
 
 }  // namespace

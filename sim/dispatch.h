@@ -147,6 +147,10 @@ std::span<const Route> family_dynamicliveview();
 std::span<const Route> family_statisticsobject();
 std::span<const Route> family_ipfixobject();
 std::span<const Route> family_statreader();
+std::span<const Route> family_sysdiag();
+std::span<const Route> family_user();
+std::span<const Route> family_fileserv();
+std::span<const Route> family_backup();
 
 // What every connection receives once its handshake is done: the version
 // word and the texts "tqdbsim" and "17.1.0" (the word decoded).

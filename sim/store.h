@@ -27,6 +27,8 @@
 #include <vector>
 
 #include "ruleset.h"
+#include "sysdiag.h"
+#include "users.h"
 #include "tq_commitid.h"
 
 namespace tqsim {
@@ -50,6 +52,10 @@ struct ResourceData {
   Ruleset ruleset;
   // Resource "dynamicliveview" (23).
   LiveViews liveviews;
+  // Resource "users" (3).
+  Users users;
+  // Resource "sysdiag" (7): the levels.
+  Levels levels;
 };
 
 struct Resource {
