@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Starts tqdbsim on a free port and runs the quick start, then the ruleset
-# example, against it.
+# example and the statistics report, against it.
 # Called by `make demo` after the build; TQ_BUILD_DIR picks another build dir.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -61,5 +61,9 @@ PYTHONPATH="$build/python$ver" "$python" examples/quickstart.py 127.0.0.1 "$port
 if [ "$status" -eq 0 ]; then
   echo
   PYTHONPATH="$build/python$ver" "$python" examples/ruleset.py 127.0.0.1 "$port" || status=$?
+fi
+if [ "$status" -eq 0 ]; then
+  echo
+  PYTHONPATH="$build/python$ver" "$python" examples/stats_report.py 127.0.0.1 "$port" || status=$?
 fi
 exit "$status"

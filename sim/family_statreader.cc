@@ -1,13 +1,14 @@
 // The statistics reader (0x19Axx): lists, top lists, searches and counts of
 // the statistics tree, its dates and fields, invalidation, and the columnar
-// query, all answered from the generated statistics store.
+// query, the string table of value types and the protocol version, all
+// answered from the generated statistics store.
 //
 // A node record is the list node of mode 0: name, u8 value count, u8 extra
 // count (0), u16 value type, u64 flags, u16 0, u16 0, u64 time, the values.
 // A node's values are its totals over the request's dates for the bits set
 // in the reply mask, in ascending bit order. List-type answers (list, top
-// list, search, subscribers) open every DATA message with the list header:
-// u8 mode 0, u64 id 0 (nothing to continue), u8 count 0.
+// list, search, subscribers, recursive list) open every DATA message with
+// the list header: u8 mode 0, u64 id 0 (nothing to continue), u8 count 0.
 #include <algorithm>
 #include <cctype>
 
@@ -59,33 +60,49 @@ std::vector<uint64_t> masked(const std::array<uint64_t, kTotalFields> &t, uint64
   return out;
 }
 
-void put_node(Out &o, const StatsNode &n, std::span<const uint64_t> values) {
-  o.text(n.name).u8(static_cast<uint8_t>(values.size())).u8(0).u16(n.type);
+void put_named(Out &o, std::string_view name, const StatsNode &n,
+               std::span<const uint64_t> values) {
+  o.text(name).u8(static_cast<uint8_t>(values.size())).u8(0).u16(n.type);
   u64(o, n.flags).u16(0).u16(0);
   u64(o, n.time);
   for (uint64_t v : values) u64(o, v);
 }
 
-// DATA messages each opening with the list header, then OK.
-class NodeListAnswer {
+void put_node(Out &o, const StatsNode &n, std::span<const uint64_t> values) {
+  put_named(o, n.name, n, values);
+}
+
+// DATA messages of whole records, then OK, as ListAnswer, with two more
+// rules: every message opens with a head for the records it carries
+// (head_size bytes, written by head), and cut() ends a message early so
+// that the next record starts one of its own.
+class Packed {
  public:
-  explicit NodeListAnswer(Call &c) : c_(c) {
+  using Head = void (*)(Out &, std::size_t records);
+  explicit Packed(Call &c, std::size_t head_size = 0, Head head = nullptr) : c_(c), head_(head) {
     const std::size_t max = c.hub.options().max_reply_bytes;
-    limit_ = max > kReplyHeader + kListHeader ? max - kReplyHeader - kListHeader : 1;
+    const std::size_t room = kReplyHeader + head_size;
+    limit_ = max > room ? max - room : 1;
   }
-  void add(const Out &rec) {
-    if (!pending_.empty() && pending_.size() + rec.size() > limit_) send();
-    pending_ += rec.bytes();
+  Out &out() { return rec_; }
+  void next() {
+    if (records_ && pending_.size() + rec_.size() > limit_) send();
+    pending_ += rec_.bytes();
+    rec_.clear();
+    ++records_;
+  }
+  void cut() {
+    if (records_) send();
   }
   void finish() {
-    if (!pending_.empty() || !sent_) send();
+    if (records_ || !sent_) send();
     c_.ok();
   }
 
  private:
   void send() {
     Out head;
-    u64(head.u8(0), 0).u8(0);
+    if (head_) head_(head, records_);
     Msg m = c_.data();
     if (m) {
       tq_msg_put_data(m.get(), head.bytes().data(), head.size());
@@ -93,13 +110,20 @@ class NodeListAnswer {
     }
     c_.reply(std::move(m));
     pending_.clear();
+    records_ = 0;
     sent_ = true;
   }
   Call &c_;
+  Head head_;
   std::size_t limit_;
   std::string pending_;
+  Out rec_;
+  std::size_t records_ = 0;
   bool sent_ = false;
 };
+
+// The list header: mode 0, id 0 (nothing to continue), no keys.
+void list_head(Out &o, std::size_t) { u64(o.u8(0), 0).u8(0); }
 
 StatsStore &stats(Call &c) { return c.hub.stats(); }
 
@@ -127,11 +151,10 @@ bool contains(std::string_view hay, std::string_view needle) {
 
 void send_nodes(Call &c, const Address &a, std::span<const int> nodes, uint64_t mask) {
   const auto days = stats(c).days(a.start, a.end);
-  NodeListAnswer ans(c);
+  Packed ans(c, kListHeader, list_head);
   for (int n : nodes) {
-    Out rec;
-    put_node(rec, stats(c).nodes()[n], masked(stats(c).totals(n, days), mask));
-    ans.add(rec);
+    put_node(ans.out(), stats(c).nodes()[n], masked(stats(c).totals(n, days), mask));
+    ans.next();
   }
   ans.finish();
 }
@@ -342,11 +365,43 @@ void names_list(Call &c) {
   ans.finish();
 }
 
-// Graph: a header record (u32 points, u16 mode, u16 0, u16 0, u32 usage
+// Graph: a header record (u32 points, u16 mode, u16 g2, u16 g3, u32 usage
 // count 0), then per point: u64 mask, u8 value count, u8 0 doubles, u64
 // time, u8 0 extra, u32 index, u32 seconds per point, the link utilizations
 // (bits 24, 25) when selected, then the other selected fields in bit order.
 // The subscriber count graph selects one value: the subscribers.
+struct GraphAsk {
+  std::size_t points;  // the last ones, at most kGraphPoints
+  uint8_t mode;
+  uint64_t mask;
+  bool subscribers;
+};
+
+void put_graph(Packed &ans, const StatsStore &s, int at, const GraphAsk &g, uint16_t g2,
+               uint16_t g3) {
+  constexpr uint64_t kOpt = TQDB_STAT_POINT_OPT1 | TQDB_STAT_POINT_OPT2;
+  const uint64_t mask = g.mask & ((uint64_t{1} << kGraphFields) - 1);
+  ans.out().u32(static_cast<uint32_t>(g.points)).u16(g.mode).u16(g2).u16(g3).u32(0);
+  ans.next();
+  for (std::size_t p = kGraphPoints - g.points; p < kGraphPoints; ++p) {
+    std::vector<uint64_t> values;
+    if (g.subscribers) values.push_back(s.nodes()[at].subscribers);
+    for (std::size_t b = 0; b < kGraphFields; ++b)
+      if ((mask & ~kOpt) & (uint64_t{1} << b)) values.push_back(s.graph_value(at, p, b));
+    Out &o = ans.out();
+    u64(o, mask).u8(static_cast<uint8_t>(values.size())).u8(0);
+    u64(o, s.graph_time(at, p)).u8(0).u32(static_cast<uint32_t>(p)).u32(kGraphStep);
+    if (mask & TQDB_STAT_POINT_OPT1) u64(o, s.graph_value(at, p, 24));
+    if (mask & TQDB_STAT_POINT_OPT2) u64(o, s.graph_value(at, p, 25));
+    for (uint64_t v : values) u64(o, v);
+    ans.next();
+  }
+}
+
+std::size_t last_points(uint32_t numvals) {
+  return numvals == 0 ? kGraphPoints : std::min<std::size_t>(numvals, kGraphPoints);
+}
+
 void graph(Call &c) {
   Address a;
   uint32_t numvals = 0, trailer = 0;
@@ -359,26 +414,81 @@ void graph(Call &c) {
   if (!ok || !c.in.end()) return c.malformed();
   const int at = node_at(c, a);
   if (at < 0) return;
-  constexpr uint64_t kOpt = TQDB_STAT_POINT_OPT1 | TQDB_STAT_POINT_OPT2;
-  mask &= (uint64_t{1} << kGraphFields) - 1;
-  const std::size_t points = numvals == 0 ? kGraphPoints : std::min<std::size_t>(numvals, kGraphPoints);
-  ListAnswer ans(c);
-  ans.out().u32(static_cast<uint32_t>(points)).u16(mode).u16(0).u16(0).u32(0);
-  ans.next();
-  for (std::size_t p = kGraphPoints - points; p < kGraphPoints; ++p) {
-    std::vector<uint64_t> values;
-    if (subscribers) values.push_back(stats(c).nodes()[at].subscribers);
-    for (std::size_t b = 0; b < kGraphFields; ++b)
-      if ((mask & ~kOpt) & (uint64_t{1} << b)) values.push_back(stats(c).graph_value(at, p, b));
-    Out &o = ans.out();
-    u64(o, mask).u8(static_cast<uint8_t>(values.size())).u8(0);
-    u64(o, stats(c).graph_time(at, p)).u8(0).u32(static_cast<uint32_t>(p)).u32(kGraphStep);
-    if (mask & TQDB_STAT_POINT_OPT1) u64(o, stats(c).graph_value(at, p, 24));
-    if (mask & TQDB_STAT_POINT_OPT2) u64(o, stats(c).graph_value(at, p, 25));
-    for (uint64_t v : values) u64(o, v);
+  Packed ans(c);
+  put_graph(ans, stats(c), at, {last_points(numvals), mode, mask, subscribers}, 0, 0);
+  ans.finish();
+}
+
+// List graph: the graph of every child the list names, in its order; each
+// graph starts a message of its own and carries the child's position (g2)
+// and the number of children (g3).
+void list_graph(Call &c) {
+  Address a;
+  uint32_t numvals = 0;
+  uint8_t mode = 0;
+  uint64_t mask = 0;
+  if (!read_address(c.in, a) || !c.in.u32(numvals) || !c.in.u8(mode) || !c.in.u64(mask) ||
+      !c.in.end())
+    return c.malformed();
+  const int at = node_at(c, a);
+  if (at < 0) return;
+  const std::vector<int> nodes = children(stats(c), at, a.type);
+  Packed ans(c);
+  for (std::size_t i = 0; i < nodes.size(); ++i) {
+    ans.cut();
+    put_graph(ans, stats(c), nodes[i], {last_points(numvals), mode, mask, false},
+              static_cast<uint16_t>(i), static_cast<uint16_t>(nodes.size()));
+  }
+  ans.finish();
+}
+
+// Recursive list: every descendant, a node before its children, named by
+// its path below the addressed node; of the value type (0: all), though
+// the walk goes through nodes of other types too. No values.
+void recursive_list(Call &c) {
+  Address a;
+  if (!read_address(c.in, a) || !c.in.end()) return c.malformed();
+  const int at = node_at(c, a);
+  if (at < 0) return;
+  const StatsStore &s = stats(c);
+  const std::size_t cut = s.nodes()[at].path.empty() ? 0 : s.nodes()[at].path.size() + 1;
+  Packed ans(c, kListHeader, list_head);
+  std::vector<int> todo(s.nodes()[at].children.rbegin(), s.nodes()[at].children.rend());
+  while (!todo.empty()) {
+    const StatsNode &n = s.nodes()[todo.back()];
+    todo.pop_back();
+    todo.insert(todo.end(), n.children.rbegin(), n.children.rend());
+    if (a.type != 0 && n.type != a.type) continue;
+    put_named(ans.out(), std::string_view(n.path).substr(cut), n, {});
     ans.next();
   }
   ans.finish();
+}
+
+// String table 0, the value types: every message opens with the u16 count
+// of its entries; an entry is u16 id, name, short name, u32 flags (bit 0:
+// the tree holds nodes of the type).
+void string_table(Call &c) {
+  uint32_t table = 0;
+  if (!c.in.u32(table) || !c.in.end()) return c.malformed();
+  if (table != 0)
+    return c.error(format("No string table %u (table 0 holds the value types)", table));
+  Packed ans(c, 2, [](Out &o, std::size_t n) { o.u16(static_cast<uint16_t>(n)); });
+  for (const ValueTypeName &v : value_types()) {
+    const bool used = std::ranges::any_of(
+        stats(c).nodes(), [&](const StatsNode &n) { return !n.gone && n.type == v.id; });
+    ans.out().u16(v.id).text(v.name).text(v.short_name).u32(used ? 1 : 0);
+    ans.next();
+  }
+  ans.finish();
+}
+
+// The statistics reader's protocol version, one DATA with a u64.
+constexpr uint64_t kStatsProtocolVersion = 1;
+void protocol_version(Call &c) {
+  if (!c.in.end()) return c.malformed();
+  Out o;
+  c.answer(u64(o, kStatsProtocolVersion));
 }
 
 void date_list(Call &c) {
@@ -481,6 +591,10 @@ constexpr Route kRoutes[] = {
     {TQDB_REQ_STAT_SUBSCRIBERS_ACTIVITY, "stat_subscribers_activity", H, S, activity},
     {TQDB_REQ_STAT_LIST_ACTIVITY, "stat_list_activity", H, S, activity},
     {TQDB_REQ_STAT_NAMES_LIST, "stat_names_list", H, S, names_list},
+    {TQDB_REQ_STAT_LIST_GRAPH, "stat_list_graph", H, S, list_graph},
+    {TQDB_REQ_STAT_RECURSIVE_LIST, "stat_recursive_list", H, S, recursive_list},
+    {TQDB_REQ_STAT_STRING_TABLE, "stat_string_table", H, S, string_table},
+    {TQDB_REQ_STAT_PROTOCOL_VERSION, "stat_protocol_version", H, S, protocol_version},
     {TQDB_REQ_STATREADER_QUERY, "stat_query", H, S, query},
 };
 

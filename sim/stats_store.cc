@@ -37,6 +37,13 @@ constexpr const char *kGraphNames[kGraphFields] = {
     "QUALITY_DROPS_IN", "QUALITY_DROPS_OUT",  "QUALITY_RETRANSMISSIONS_IN",
     "QUALITY_RETRANSMISSIONS_OUT"};
 
+// The total field (bit) each graph field (bit) follows; -1: none.
+constexpr int kGraphTotal[kGraphFields] = {0,  1,  2,  3,  4,  5,  6,  7,  11, 12, 8,  9,
+                                           17, 10, 13, 14, 15, 16, 18, 19, 20, 21, 22, 23,
+                                           -1, -1, 24, 25, 26, 27, 28, 29, 30, 31, 32, 33};
+
+constexpr std::size_t kGraphBpsIn = 0, kGraphBpsOut = 1, kGraphBpsTotal = 13;
+
 constexpr uint16_t kRoot = 0, kNetObjectType = 513, kHost = 514, kService = 518, kRemoteHost = 524,
                    kLink = 525, kChannel = 534, kBaseService = 535;
 constexpr uint64_t kValid = 1, kExpandable = 2, kGraphs = 8, kHasSubscribers = 512;
@@ -77,7 +84,24 @@ CREATE VIEW stat_dates AS SELECT date FROM dates_t;
 CREATE VIEW stat_fields AS SELECT id, kind, subkind, name FROM fields_t;
 )sql";
 
+constexpr ValueTypeName kValueTypes[] = {
+    {0, "ROOT", "RT"},          {256, "AGGREGATION", "AGG"},   {512, "TRAFFICSTATS", "TS"},
+    {513, "NETOBJECT", "NO"},   {514, "HOST", "H"},            {515, "LOCALVHOST", "LVH"},
+    {516, "REMOTEVHOST", "RVH"}, {517, "SERVOBJECT", "SO"},    {518, "SERVICE", "S"},
+    {519, "INTASPATH", "IAP"},  {520, "EXTASPATH", "EAP"},     {521, "INVLAN", "IV"},
+    {522, "XFBFLAG", "XF"},     {523, "IPPROTOCOL", "IP"},     {524, "REMOTEHOST", "RH"},
+    {525, "LINK", "L"},         {526, "OUTVLAN", "OV"},        {527, "INDSCP", "ID"},
+    {528, "OUTDSCP", "OD"},     {529, "INCHAN", "IC"},         {530, "OUTCHAN", "OC"},
+    {531, "INMPLS", "IM"},      {532, "OUTMPLS", "OM"},        {533, "CHANNELSTATS_ROOT", "CR"},
+    {534, "CHANNELSTATS_CHANNEL", "CH"}, {535, "BASESERVICE", "BS"}, {536, "ORIGINAS", "OAS"},
+    {537, "PROPERTY", "P"},     {538, "INTBGPCOMM", "IBC"},    {539, "EXTBGPCOMM", "EBC"},
+    {540, "TTL", "TTL"},        {541, "SORVIK", "SV"},         {768, "ZONESTATS", "ZS"},
+    {1024, "CHANNELSTATS", "CS"}, {1281, "NAT_ROOT", "NR"},    {1282, "NAT_HOST", "NH"},
+    {1283, "NAT_POOL", "NP"}};
+
 }  // namespace
+
+std::span<const ValueTypeName> value_types() { return kValueTypes; }
 
 const char *total_field_name(std::size_t bit) { return bit < kTotalFields ? kTotalNames[bit] : ""; }
 const char *graph_field_name(std::size_t bit) { return bit < kGraphFields ? kGraphNames[bit] : ""; }
@@ -258,10 +282,18 @@ uint64_t StatsStore::graph_time(int node, std::size_t p) const {
   return nodes_[node].time - (kGraphPoints - 1 - p) * kGraphStep;
 }
 
-// The last day's total spread over the day, rising over the hour.
+// A graph field follows the last day's total of the same name: the BPS
+// fields as its bits per second over the day, the others at its level, each
+// point varied between 50% and 150% (subitems exact); the link utilizations
+// are percentages from 5 to 94.
 uint64_t StatsStore::graph_value(int node, std::size_t p, std::size_t bit) const {
-  const uint64_t base = nodes_[node].days.back()[bit % kTotalFields];
-  return base / 86400 * kGraphStep * (p + 1) / kGraphPoints;
+  const int total = bit < kGraphFields ? kGraphTotal[bit] : -1;
+  Rng mix{(static_cast<uint64_t>(node) << 32) ^ (p << 8) ^ bit};
+  if (total < 0) return 5 + mix.below(90);
+  const uint64_t base = nodes_[node].days.back()[total];
+  if (static_cast<std::size_t>(total) == kSubitems) return base;
+  const bool bps = bit == kGraphBpsIn || bit == kGraphBpsOut || bit == kGraphBpsTotal;
+  return (bps ? base * 8 / 86400 : base) * (50 + mix.below(101)) / 100;
 }
 
 bool StatsStore::invalidate(std::string_view path, bool drop_root) {

@@ -19,6 +19,7 @@
 #include <array>
 #include <cstdint>
 #include <memory>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -133,6 +134,15 @@ uint64_t monotonic_ms();
 
 const char *total_field_name(std::size_t bit);
 const char *graph_field_name(std::size_t bit);
+
+// The value types of the statistics tree in id order: the id, its name (as
+// in STATISTICS_VALUETYPE_<name>) and a short name of at most 3 characters.
+struct ValueTypeName {
+  uint16_t id;
+  const char *name;
+  const char *short_name;
+};
+std::span<const ValueTypeName> value_types();
 
 }  // namespace tqsim
 

@@ -211,11 +211,68 @@ TEST(SimStats, MalformedBodiesAreAnsweredNotFatal) {
       {TQDB_REQ_STAT_LIST_SEARCH, Wire().raw(addr).u32(1).u32(99)},
       {TQDB_REQ_STATREADER_QUERY, Wire().u8('Q').u32(40).raw("SELECT 1")},
       {TQDB_REQ_STAT_DATA_INVALIDATE, addr},
+      {TQDB_REQ_STAT_LIST_GRAPH, Wire().raw(addr).u32(3).u8(1)},
+      {TQDB_REQ_STAT_RECURSIVE_LIST, Wire().raw(addr).u8(0)},
+      {TQDB_REQ_STAT_STRING_TABLE, Wire().u16(0)},
+      {TQDB_REQ_STAT_PROTOCOL_VERSION, Wire().u8(0)},
   };
   for (const auto &[code, body] : rows)
     EXPECT_TRUE(send(code, body).starts_with("Malformed request 0x19a")) << std::hex << code;
   EXPECT_EQ(send(TQDB_REQ_STAT_GET_FLAGS, Wire().str("").str("").str("nowhere").u16(0)),
             "No statistics node at 'nowhere'");
+}
+
+TEST(SimStats, ListGraphRecursiveListStringTableAndVersion) {
+  Sim sim({"--max-reply-bytes", "200"});
+  ASSERT_NE(sim.s, 0u);
+  tqdb_api_handle_t *h = sim.c.h();
+  // One graph per net object, each starting a message of its own.
+  tqdb_api_statreader_list_graph(h, sim.s, "", "", "", kNetObject, 3, 1, kIn);
+  std::vector<tqdb_api_statreader_graph_t *> g;
+  for (EnvPtr e = sim.c.next(); e && e->type == TQDB_API_MSG_TYPE_DATA; e = sim.c.next())
+    if (g.empty() || g.back()->received == g.back()->total_points)
+      g.push_back(tqdb_api_statreader_graph_handle(e.get(), nullptr));
+    else
+      tqdb_api_statreader_graph_handle(e.get(), g.back());
+  ASSERT_EQ(g.size(), 4u);
+  for (size_t i = 0; i < g.size(); ++i) {
+    EXPECT_EQ(std::vector<unsigned>({g[i]->g1, g[i]->g2, g[i]->g3, g[i]->received}),
+              std::vector<unsigned>({1, unsigned(i), 4, 3}));
+    tqdb_api_statreader_graph_free(g[i]);
+  }
+  // Depth first, named by the path below the addressed node.
+  auto below = sim.list(tqdb_api_statreader_recursive_list(h, sim.s, "", "", "NetObject-2", 0));
+  ASSERT_EQ(below.size(), 3u * 6 + 3);
+  EXPECT_STREQ(below[0].name, "10.2.0.1");
+  EXPECT_TRUE(std::string(below[1].name).starts_with("10.2.0.1/198.51.2."));
+  EXPECT_EQ(below[1].n_values, 0);
+  auto hosts = sim.list(tqdb_api_statreader_recursive_list(h, sim.s, "", "", "/", 514));
+  ASSERT_EQ(hosts.size(), 12u);
+  EXPECT_STREQ(hosts[11].name, "NetObject-4/10.4.0.3");
+  // The value types, every message counting its own entries.
+  tqdb_api_statreader_string_table(h, sim.s, 0);
+  tq_list_t *types = nullptr;
+  int messages = 0;
+  for (EnvPtr e = sim.c.next(); e && e->type == TQDB_API_MSG_TYPE_DATA; e = sim.c.next(), ++messages)
+    types = tqdb_api_statistics_list_valuetypes_handle(e.get(), types);
+  std::string seen;
+  for (tq_list_t *n = types; n; n = n->next) {
+    const auto *v = static_cast<tqdb_api_statistics_valuetype_t *>(n->data);
+    seen += std::to_string(v->id) + v->name + "/" + v->short_name + std::to_string(v->flags) + " ";
+  }
+  tq_list_free_with_data(types);
+  EXPECT_GT(messages, 1);
+  EXPECT_TRUE(seen.starts_with("0ROOT/RT1 256AGGREGATION/AGG0 512TRAFFICSTATS/TS0 513NETOBJECT/NO1 "))
+      << seen;
+  EXPECT_TRUE(seen.ends_with(" 1283NAT_POOL/NP0 ")) << seen;
+  tqdb_api_statreader_string_table(h, sim.s, 1);
+  EnvPtr e = sim.c.next();
+  ASSERT_TRUE(e);
+  EXPECT_STREQ(e->error, "No string table 1 (table 0 holds the value types)");
+  tqdb_api_statreader_protocol_version(h, sim.s);
+  e = sim.c.next();
+  ASSERT_TRUE(e);
+  EXPECT_EQ(tqdb_api_statreader_subscriber_count_handle(e.get()), 1u);
 }
 
 TEST(SimStats, RowLimitEndsWithANotice) {
