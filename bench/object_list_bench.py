@@ -25,7 +25,6 @@ as MISSED; the exit status is 0 unless the results disagree or a step fails.
 from __future__ import division, print_function
 
 import argparse
-import gc
 import json
 import os
 import select
@@ -38,38 +37,14 @@ from timeit import default_timer as timer
 HERE = os.path.dirname(os.path.abspath(__file__))
 ROOT = os.path.dirname(HERE)
 sys.path.insert(0, HERE)
-sys.path.insert(0, os.path.join(ROOT, 'tests', 'python'))
 
+from benchlib import (TIMEOUT, best_of, deliver, print_ratio, run_main,  # noqa: E402
+                      scripted_session, verdict)
 import pyobjlist  # noqa: E402
 import simhelper  # noqa: E402
 
 T = simhelper.T
 DECODE_TARGET, ROUND_TRIP_TARGET = 20.0, 5.0
-TIMEOUT = 600.0  # for any one step that waits on the other end
-CHUNK = 1 << 18  # bytes handed to the peer's socket per write
-
-
-def best_of(runs, prepare, work):
-    """(best seconds, result of the last run). prepare() is untimed and its
-    value is passed to work()."""
-    best, result = None, None
-    for _ in range(runs):
-        arg = prepare()
-        result = None
-        gc.collect()
-        gc.disable()
-        try:
-            t0 = timer()
-            result = work(arg)
-            took = timer() - t0
-        finally:
-            gc.enable()
-        best = took if best is None else min(best, took)
-    return best, result
-
-
-def verdict(ratio, target):
-    return '' if ratio >= target else ' MISSED'
 
 
 def first_difference(got, want):
@@ -90,29 +65,6 @@ def pure_decode(bodies):
 
 # --- 1. decode and convert, replies from an in-process peer -----------------
 
-def deliver(peer, frames):
-    """Sends the frames from the peer and returns the TQMessages the handle
-    reads from them, in order."""
-    data = b''.join(frames)
-    sent, msgs = 0, []
-    deadline = time.time() + TIMEOUT
-    while len(msgs) < len(frames):
-        if time.time() > deadline:
-            raise RuntimeError('only %d of %d replies arrived' % (len(msgs), len(frames)))
-        moved = 0
-        if sent < len(data):
-            moved = peer.server.write(data[sent:sent + CHUNK])
-            sent += moved
-        m = peer.handle.readmsg()
-        while m is not None:
-            msgs.append(m)
-            moved = 1
-            m = peer.handle.readmsg()
-        if not moved:
-            select.select([peer.client], [peer.server] if sent < len(data) else [], [], 0.2)
-    return msgs
-
-
 def decode_bench(n, k, runs):
     want = pyobjlist.net_objects(n, k)
     bodies = list(pyobjlist.bodies(pyobjlist.records(T.OBJECT_TYPE_NETOBJECT, want)))
@@ -125,11 +77,9 @@ def decode_bench(n, k, runs):
         raise RuntimeError('pure-Python decoder: ' + problem)
     pure = None
 
-    peer = simhelper.ScriptedPeer()
+    session_id, cid = 7, 2
+    peer, session = scripted_session(session_id)
     try:
-        session_id, cid = 7, 2
-        session = peer.handle.session_new_handle(
-            peer.reply(pyobjlist.data_frame(simhelper.u32(session_id), 0, 1)))
         frames = [pyobjlist.data_frame(b, session_id, cid) for b in bodies]
 
         def work(msgs):
@@ -144,10 +94,7 @@ def decode_bench(n, k, runs):
     problem = first_difference(ours, want)
     if problem:
         raise RuntimeError('TQDBv17_1: ' + problem)
-    ratio = pure_time / ours_time
-    print('object list decode+convert: TQDBv17_1 %.2fs, pure Python %.2fs, ratio %.1fx '
-          '(target >= %gx)%s' % (ours_time, pure_time, ratio, DECODE_TARGET,
-                                 verdict(ratio, DECODE_TARGET)))
+    print_ratio('object list decode+convert', ours_time, pure_time, DECODE_TARGET)
 
 
 # --- 2. the round trip through tqdbsim ----------------------------------------
@@ -364,8 +311,4 @@ def main():
 
 
 if __name__ == '__main__':
-    try:
-        sys.exit(main())
-    except (IOError, RuntimeError, AssertionError) as e:
-        print('object_list_bench failed: %s' % e, file=sys.stderr)
-        sys.exit(1)
+    run_main(main, 'object_list_bench')
