@@ -9,6 +9,7 @@
 #include <cstring>
 #include <optional>
 #include <string_view>
+#include <unordered_map>
 #include <utility>
 
 #include "tq_malloc.h"
@@ -163,12 +164,13 @@ OwnedRef field_value(const Field &f, const std::byte *record) {
     case FieldKind::F64s: {
       const auto n = load<uint8_t>(record + f.count_at);
       const auto *a = load<const std::byte *>(p);
-      auto out = OwnedRef::check(PyList_New(0));
-      for (size_t i = 0; a && i < n; ++i) {
+      const size_t count = a ? n : 0;
+      auto out = OwnedRef::check(PyList_New(static_cast<Py_ssize_t>(count)));
+      for (size_t i = 0; i < count; ++i) {
         OwnedRef v = f.kind == FieldKind::U64s
                          ? int_u64(load<uint64_t>(a + 8 * i))
                          : OwnedRef::check(PyFloat_FromDouble(load<double>(a + 8 * i)));
-        check_status(PyList_Append(out.get(), v.get()));
+        PyList_SET_ITEM(out.get(), static_cast<Py_ssize_t>(i), v.release());
       }
       return out;
     }
@@ -219,11 +221,29 @@ OwnedRef convert_record(const ListClass &cls, const tq_list_t *node) {
 
 }  // namespace
 
+namespace {
+// The interned str of a field table's key. Field tables are static, so a
+// key's address names it for the life of the process; the strs are kept as
+// long (like the list classes' own keys).
+PyObject *interned_key(const char *key) {
+  static std::unordered_map<const char *, PyObject *> keys;
+  auto [it, fresh] = keys.try_emplace(key, nullptr);
+  if (fresh) {
+    it->second = compat::text_intern(key);
+    if (!it->second) {
+      keys.erase(it);
+      throw_python_error();
+    }
+  }
+  return it->second;
+}
+}  // namespace
+
 OwnedRef record_to_dict(std::span<const Field> fields, const void *record) {
   OwnedRef dict = record_dict(fields.size());
   for (const Field &f : fields) {
     OwnedRef value = field_value(f, static_cast<const std::byte *>(record));
-    check_status(PyDict_SetItemString(dict.get(), f.key, value.get()));
+    check_status(PyDict_SetItem(dict.get(), interned_key(f.key), value.get()));
   }
   return dict;
 }
@@ -345,7 +365,13 @@ std::array<ListClass, 44> g_classes = {
     record_list(ListId::TQFileservTypeList, "TQFileservTypeList", g_fileserv_type_fields),
     record_list(ListId::TQFileservList, "TQFileservList", g_fileserv_file_fields),
     record_list(ListId::TQUserList, "TQUserList", g_user_fields),
-    record_list(ListId::TQUserPubkeyList, "TQUserPubkeyList", kNoFieldsYet),
+    ListClass{.id = ListId::TQUserPubkeyList,
+              .name = "TQUserPubkeyList",
+              .doc = "A decoded list of a user's public keys; convert(unused) gives the key "
+                     "lines as a list of str.",
+              .convert_node = convert_text,
+              .release = release_with_records,
+              .fields = {}},
     record_list(ListId::TQHostTriggerList, "TQHostTriggerList", kNoFieldsYet),
     record_list(ListId::TQSysDiagZoneList, "TQSysDiagZoneList", g_sysdiag_zone_fields),
     record_list(ListId::TQSysDiagZoneValueList, "TQSysDiagZoneValueList", g_sysdiag_zone_value_fields),

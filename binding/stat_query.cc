@@ -55,27 +55,47 @@ PyGetSetDef g_state_getset[] = {
 
 // --- delivering frames to the script ---------------------------------------------------------
 
+// The script's callbacks, looked up once per reply rather than once per
+// frame: a stream of many rows calls the same few methods again and again.
+enum class Cb { notice, bytes, row_desc, row_data, complete, end, count };
+constexpr const char *kCbNames[] = {"notice_cb",   "bytes_cb",    "row_desc_cb",
+                                    "row_data_cb", "complete_cb", "end_cb"};
+static_assert(std::size(kCbNames) == static_cast<size_t>(Cb::count));
+
 struct Feed {
   PyObject *cb;        // the script's callback object (borrowed)
   StateObject *state;  // the state being fed (borrowed, kept alive by the caller)
   bool failed = false;
   PyObject *type = nullptr, *value = nullptr, *trace = nullptr;  // the held error
+  OwnedRef methods[static_cast<size_t>(Cb::count)]{};  // bound methods found so far
+  bool looked_up[static_cast<size_t>(Cb::count)]{};
+
+  // The bound method, or null when the object lacks it; throws on any other
+  // error of the lookup.
+  PyObject *method(Cb which) {
+    const auto i = static_cast<size_t>(which);
+    if (!looked_up[i]) {
+      looked_up[i] = true;
+      PyObject *m = PyObject_GetAttrString(cb, kCbNames[i]);
+      if (!m) {
+        if (!PyErr_ExceptionMatches(PyExc_AttributeError)) throw_python_error();
+        PyErr_Clear();
+      }
+      methods[i] = OwnedRef::steal(m);
+    }
+    return methods[i].get();
+  }
 };
 
 // cb.<name>(*args) unless the object lacks it or a callback failed before.
 // Never leaves an error set: the C decoder runs on after it returns.
-void deliver(Feed &f, const char *name, OwnedRef (*make_args)(const void *), const void *what) {
+void deliver(Feed &f, Cb which, OwnedRef (*make_args)(const void *), const void *what) {
   if (f.failed) return;
   try {
-    PyObject *m = PyObject_GetAttrString(f.cb, name);
-    if (!m) {
-      if (!PyErr_ExceptionMatches(PyExc_AttributeError)) throw_python_error();
-      PyErr_Clear();
-      return;
-    }
-    const auto method = OwnedRef::steal(m);
+    PyObject *method = f.method(which);
+    if (!method) return;
     OwnedRef args = make_args(what);
-    OwnedRef(OwnedRef::check(PyObject_CallObject(method.get(), args.get())));
+    OwnedRef(OwnedRef::check(PyObject_CallObject(method, args.get())));
   } catch (...) {
     translate_exception();
     f.failed = true;
@@ -131,11 +151,9 @@ OwnedRef column_value(const tqdb_api_statreader_query_state_t *s, unsigned col) 
 
 OwnedRef row_args(const void *p) {
   const auto *s = static_cast<const tqdb_api_statreader_query_state_t *>(p);
-  auto values = OwnedRef::check(PyList_New(0));
-  for (unsigned i = 0; s->desc && i < s->desc->count; ++i) {
-    OwnedRef v = column_value(s, i);
-    check_status(PyList_Append(values.get(), v.get()));
-  }
+  const unsigned n = s->desc ? s->desc->count : 0;
+  auto values = OwnedRef::check(PyList_New(n));
+  for (unsigned i = 0; i < n; ++i) PyList_SET_ITEM(values.get(), i, column_value(s, i).release());
   return one_arg(std::move(values));
 }
 
@@ -155,23 +173,23 @@ Feed &feed(void *user) { return *static_cast<Feed *>(user); }
 
 constexpr tqdb_api_statreader_query_cb_t kCallbacks{
     .user = nullptr,
-    .notice_cb = [](void *u, const char *t) { deliver(feed(u), "notice_cb", notice_args, t); },
+    .notice_cb = [](void *u, const char *t) { deliver(feed(u), Cb::notice, notice_args, t); },
     .bytes_cb =
         [](void *u, const uint8_t *b, uint32_t n) {
           const Bytes bytes{b, n};
-          deliver(feed(u), "bytes_cb", bytes_args, &bytes);
+          deliver(feed(u), Cb::bytes, bytes_args, &bytes);
         },
     .row_desc_cb = [](void *u, const tqdb_api_statreader_query_row_desc_t *d) {
-      deliver(feed(u), "row_desc_cb", desc_args, d);
+      deliver(feed(u), Cb::row_desc, desc_args, d);
     },
     .row_data_cb = [](void *u, const tqdb_api_statreader_query_state_t *s) {
-      deliver(feed(u), "row_data_cb", row_args, s);
+      deliver(feed(u), Cb::row_data, row_args, s);
     },
-    .complete_cb = [](void *u) { deliver(feed(u), "complete_cb", no_args, nullptr); },
+    .complete_cb = [](void *u) { deliver(feed(u), Cb::complete, no_args, nullptr); },
     .end_cb =
         [](void *u) {
           feed(u).state->done = true;
-          deliver(feed(u), "end_cb", no_args, nullptr);
+          deliver(feed(u), Cb::end, no_args, nullptr);
         },
     .unknown_cb = nullptr,
 };

@@ -119,13 +119,35 @@ OwnedRef stat_list_body(SessionObject *, PyObject *args, PyObject *kwds) {
   tqdb_api_msg_t *env = msg_and_list(args, kwds, N.s, "lst", ListId::TQStatreaderList, l);
   ResultListObject *obj = as_result_list(l.get());
   auto *prev = obj->list ? static_cast<ListRec *>(obj->list->data) : nullptr;
-  if (ListRec *r = env ? Fn(env, prev) : nullptr) {
-    try {
-      keep_record(obj, r);
-    } catch (...) {
-      tqdb_api_statreader_list_free(r);
-      throw;
+  // The reply is decoded on its own and its nodes spliced behind the tail
+  // kept on the object: handing the decoder the previous record would walk
+  // every node gathered so far on each reply of a long answer.
+  ListRec *r = env ? Fn(env, nullptr) : nullptr;
+  if (!r) return l;
+  tq_list_t *fresh = r->nodes;
+  tq_list_t *fresh_tail = fresh ? tq_list_last(fresh) : nullptr;
+  if (prev && prev->nodes) {
+    tq_list_t *tail = obj->tail ? obj->tail : tq_list_last(prev->nodes);
+    if (fresh) {
+      tail->next = fresh;
+      fresh->prev = tail;
+    } else {
+      fresh_tail = tail;
     }
+    r->nodes = prev->nodes;
+    prev->nodes = nullptr;
+  }
+  if (prev) {
+    obj->list->data = nullptr;
+    tqdb_api_statreader_list_free(prev);
+  }
+  obj->tail = fresh_tail;
+  try {
+    keep_record(obj, r);
+  } catch (...) {
+    obj->tail = nullptr;
+    tqdb_api_statreader_list_free(r);
+    throw;
   }
   return l;
 }
