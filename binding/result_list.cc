@@ -174,6 +174,21 @@ OwnedRef field_value(const Field &f, const std::byte *record) {
       }
       return out;
     }
+    case FieldKind::OidPair: {
+      char oid[24];
+      std::snprintf(oid, sizeof oid, "%" PRIu32 ".%" PRIu32, load<uint32_t>(p),
+                    load<uint32_t>(record + f.count_at));
+      return text(oid);
+    }
+    case FieldKind::Records: {
+      const auto *a = load<const std::byte *>(p);
+      const size_t count = a ? load<uint32_t>(record + f.count_at) : 0;
+      auto out = OwnedRef::check(PyList_New(static_cast<Py_ssize_t>(count)));
+      for (size_t i = 0; i < count; ++i)
+        PyList_SET_ITEM(out.get(), static_cast<Py_ssize_t>(i),
+                        record_to_dict(f.nested, a + i * f.stride).release());
+      return out;
+    }
     case FieldKind::Items:
     case FieldKind::Limits:
     case FieldKind::CondItems:

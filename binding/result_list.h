@@ -51,6 +51,9 @@ enum class FieldKind {
   TextPtr,        // char * (nullptr: "") -> str
   U64s,           // uint64_t *, u8 count at count_at -> [int, ...]
   F64s,           // double *, u8 count at count_at -> [float, ...]
+  OidPair,        // u32 here and u32 at count_at -> "A.B" in decimal
+  Records,        // records of `stride` bytes at a pointer, u32 count at count_at ->
+                  // [dict, ...] by the `nested` field table
 };
 
 struct Field {
@@ -59,7 +62,9 @@ struct Field {
   FieldKind kind;
   size_t size;      // sizeof the member (bounds Text)
   uint32_t mask = 0;  // FlagBit: the bit
-  size_t count_at = 0;  // U64s, F64s: offsetof the u8 count
+  size_t count_at = 0;  // U64s, F64s, Records: offsetof the count; OidPair: of the second u32
+  std::span<const Field> nested{};  // Records: the field table of one record
+  size_t stride = 0;                // Records: the size of one record
 };
 
 #define TQ_FIELD(Record, member, kind, key) \
@@ -72,6 +77,19 @@ struct Field {
 #define TQ_FLAG_BIT(Record, member, bit, key)                                      \
   ::tqpy::Field {                                                                \
     key, offsetof(Record, member), ::tqpy::FieldKind::FlagBit, sizeof(Record::member), bit \
+  }
+
+// An identifier of two u32 members shown as one "A.B" text.
+#define TQ_OID_FIELD(Record, first, second, key)                                          \
+  ::tqpy::Field {                                                                          \
+    key, offsetof(Record, first), ::tqpy::FieldKind::OidPair, sizeof(Record::first), 0,    \
+        offsetof(Record, second)                                                           \
+  }
+// An array of nested records (member: a pointer to them, count: their number).
+#define TQ_RECORDS_FIELD(Record, member, count, Nested, nested_fields, key)               \
+  ::tqpy::Field {                                                                          \
+    key, offsetof(Record, member), ::tqpy::FieldKind::Records, sizeof(Record::member), 0,  \
+        offsetof(Record, count), nested_fields, sizeof(Nested)                             \
   }
 
 struct ListClass;

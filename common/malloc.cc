@@ -159,6 +159,15 @@ bool tq_malloc_stat(const char *label, tq_malloc_stat_t *out) {
   return true;
 }
 
+size_t tq_malloc_stat_count() { return stats().entries.size(); }
+
+bool tq_malloc_stat_at(size_t i, tq_malloc_stat_t *out) {
+  const stat_table &t = stats();
+  if (out == nullptr || i >= t.entries.size()) return false;
+  *out = t.entries[i];
+  return true;
+}
+
 void tq_malloc_report() {
   if (!tq_log_enabled(TQ_LOG_FAC_MEMORY, TQ_LOG_WARNING)) return;
 

@@ -71,6 +71,10 @@ struct tq_malloc_stat_t {
 };
 // Copies the entry for label; false when the label was never used.
 bool tq_malloc_stat(const char *label, tq_malloc_stat_t *out);
+// The labels in order of first use: how many there are, and the entry at
+// index i (false beyond the last).
+size_t tq_malloc_stat_count();
+bool tq_malloc_stat_at(size_t i, tq_malloc_stat_t *out);
 // Writes the report on "Memory" at level 4, largest first.
 void tq_malloc_report();
 

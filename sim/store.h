@@ -103,6 +103,10 @@ class Store {
   const tq_commitid_t &commit(Session &s, std::string_view log, uint64_t now);
   void rollback(Session &s);
 
+  // The running appliance's zones, system names and diagnostic log: not
+  // part of any resource, never saved.
+  Diagnostics diagnostics;
+
  private:
   std::string system_id_;
   std::vector<Resource> resources_;
