@@ -9,6 +9,7 @@
 #include "result_list.h"
 #include "rows.h"
 #include "tqdb_objects.h"
+#include "transfer.h"
 #include "vindel_object.h"
 
 #include <cstring>
@@ -21,37 +22,6 @@ namespace tqpy {
 PyTypeObject *g_vindel_type = nullptr;
 
 namespace {
-
-// Classes that later work gives their behaviour: the file service transfer
-// and the backup transfer.
-PyTypeObject g_file_serve_type;
-PyTypeObject g_backup_type;
-
-struct PlainObject {
-  PyObject_HEAD
-};
-
-OwnedRef plain_new(PyTypeObject *type, PyObject *args, PyObject *kwds) {
-  parse_no_args(args, kwds, type->tp_name);
-  return OwnedRef::check(type->tp_alloc(type, 0));
-}
-
-void plain_types_fill() {
-  struct Row {
-    PyTypeObject *type;
-    const char *name;
-    const char *doc;
-  };
-  const Row rows[] = {
-      {&g_file_serve_type, "TQDBv17_1.TQFileServe", "A file service transfer."},
-      {&g_backup_type, "TQDBv17_1.TQBackup", "A backup transfer."},
-  };
-  for (const Row &r : rows)
-    type_fill(*r.type, TypeDesc{.name = r.name,
-                                .doc = r.doc,
-                                .basicsize = sizeof(PlainObject),
-                                .tp_new = new_entry<TQ_SITE("TQDBv17_1.__new__"), plain_new>});
-}
 
 // The fifty classes in the order they are made ready; each is also a module
 // attribute under its short name.
@@ -145,7 +115,8 @@ OwnedRef module_body() {
   // 2 and 3. The classes (interning the record keys on the way).
   message_type_fill();
   list_types_fill();
-  plain_types_fill();
+  file_serve_type_fill();
+  backup_type_fill();
   stat_query_state_type_fill();
   session_type_fill();
   handle_type_fill();
