@@ -127,8 +127,9 @@ class SysdiagTest(unittest.TestCase):
 
     def test_bad_arguments_raise_before_sending(self):
         for bad in ('1', '1.', '.1', '1.2.3', ' 1.2', '4294967296.1', 'a.b'):
-            with self.assertRaisesRegex(ValueError, '^oid: '):
+            with self.assertRaises(ValueError) as raised:
                 self.s.sysdiag_level_update(bad, 0, 0, 0, 0, '', '')
+            self.assertTrue(str(raised.exception).startswith('oid: '), bad)
         for zone, exc in (([], TypeError), ({'values': []}, ValueError),
                           ({'name': 'x' * 64, 'values': []}, ValueError),
                           ({'name': 'x', 'values': [{'type': 1}]}, ValueError)):
