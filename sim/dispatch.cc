@@ -1,8 +1,11 @@
 #include "dispatch.h"
 
 #include <utility>
+#include <vector>
 
 #include "answer.h"
+#include "tqdb_api.h"
+#include "users.h"
 #include "tq_log.h"
 #include "tq_msg.h"
 #include "util.h"
@@ -125,14 +128,71 @@ constexpr Family kFamilies[] = {
     family_sysdiag,        family_user,             family_fileserv,         family_backup,
 };
 
+// Which resource a request reads, by its code: the caller's account needs
+// that bit of its read mask. Requests outside every range (logging in,
+// sessions, transactions, the resource list) need none.
+struct ReadRange {
+  uint32_t first;
+  uint32_t last;
+  uint32_t resource;
+};
+constexpr ReadRange kReadRanges[] = {
+    {0x11000, 0x11FFF, TQDB_RESOURCE_RULESET},   // objects, rule conditions, rule attributes
+    {0x12000, 0x12FFF, TQDB_RESOURCE_CHANNELS},
+    {0x13000, 0x13FFF, TQDB_RESOURCE_RULESET},   // firewall rules
+    {0x16000, 0x18FFF, TQDB_RESOURCE_RULESET},   // shaping objects, shaping and statistics rules
+    {0x19200, 0x192FF, TQDB_RESOURCE_USERS},
+    {0x19A00, 0x19AFF, TQDB_RESOURCE_STATREADER},
+    {0x19E00, 0x19EFF, TQDB_RESOURCE_SYSDIAG},
+    {0x19F00, 0x19FFF, TQDB_RESOURCE_BACKUPS},
+    {0x1A200, 0x1A2FF, TQDB_RESOURCE_FILESERV},
+    {0x1A600, 0x1A6FF, TQDB_RESOURCE_FILESERV},
+    {0x1AC00, 0x1ACFF, TQDB_RESOURCE_DYNAMICLIVEVIEW},
+    {0x1B000, 0x1B1FF, TQDB_RESOURCE_RULESET},   // statistics and IPFIX objects
+};
+
+const ReadRange *read_range(uint32_t code) {
+  for (const ReadRange &r : kReadRanges)
+    if (code >= r.first && code <= r.last) return &r;
+  return nullptr;
+}
+
+// The routes as dispatched: those that read a resource go through
+// read_checked first, which then runs the family's own handler.
+struct Routes {
+  std::vector<Route> all;
+  std::unordered_map<uint32_t, Handler> handlers;  // the families' own, by code
+};
+const Routes &routes();
+
+void read_checked(Call &c) {
+  if (!permitted(c, read_range(c.code)->resource, Permission::kRead)) return;
+  routes().handlers.at(c.code)(c);
+}
+
+const Routes &routes() {
+  static const Routes table = [] {
+    Routes t;
+    for (Family family : kFamilies) {
+      for (Route r : family()) {
+        if (read_range(r.code) != nullptr) {
+          t.handlers.emplace(r.code, r.handler);
+          r.handler = read_checked;
+        }
+        t.all.push_back(r);
+      }
+    }
+    return t;
+  }();
+  return table;
+}
+
 }  // namespace
 
 Dispatch::Dispatch() {
-  for (Family family : kFamilies) {
-    for (const Route &r : family()) {
-      const bool fresh = routes_.emplace(r.code, &r).second;
-      TQ_BUG_ON(!fresh, "request code 0x%x routed twice", r.code);
-    }
+  for (const Route &r : routes().all) {
+    const bool fresh = routes_.emplace(r.code, &r).second;
+    TQ_BUG_ON(!fresh, "request code 0x%x routed twice", r.code);
   }
 }
 

@@ -36,6 +36,7 @@ struct Options;
 class Out;
 class StatsStore;
 class QueryRun;
+struct Areas;
 
 // Reads a request body field by field. The first failure is remembered as
 // the reason the body is malformed; reads after a failure fail too.
@@ -87,6 +88,8 @@ class Hub {
   // Takes over a query addressed to its client; it runs in slices between
   // the rounds of the poll loop.
   virtual void run_query(std::unique_ptr<QueryRun> q) = 0;
+  // The file areas and backups, and the uploads in progress into them.
+  virtual Areas &areas() = 0;
 };
 
 // One request being handled.

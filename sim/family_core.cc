@@ -5,6 +5,7 @@
 #include "options.h"
 #include "tq_msg.h"
 #include "tqdb_api.h"
+#include "users.h"
 #include "util.h"
 
 namespace tqsim {
@@ -18,23 +19,21 @@ std::string version_text(uint32_t word) {
   return format("%u.%u.%u", v.major, v.minor, v.patch);
 }
 
-// Body: string user, string password. A refused login changes nothing, so
-// a connection that is already logged in stays so.
+// Body: string user, string password, checked against the committed
+// accounts. A refused login changes nothing, so a connection that is
+// already logged in stays so.
 void auth(Call &c) {
   std::string user, password;
   if (!c.in.text(user) || !c.in.text(password) || !c.in.end()) return c.malformed();
-  const auto &users = c.hub.options().users;
-  for (std::size_t i = 0; i < users.size(); ++i) {
-    if (users[i].name != user || users[i].password != password) continue;
-    c.login.accepted = true;
-    c.login.user = user;
-    c.login.user_number = static_cast<uint32_t>(i + 1);
-    return c.reply(reply_auth_accepted({.user_number = i + 1,
-                                        .login_time = c.hub.now(),
-                                        .connection = c.conn,
-                                        .access = kFullAccess}));
-  }
-  c.reply(reply_auth_refused());
+  const Account *a = login_accounts(c).find(user);
+  if (!a || !a->password_is(password)) return c.reply(reply_auth_refused());
+  c.login.accepted = true;
+  c.login.user = user;
+  c.login.user_number = a->id;
+  c.reply(reply_auth_accepted({.user_number = a->id,
+                               .login_time = c.hub.now(),
+                               .connection = c.conn,
+                               .access = kFullAccess}));
 }
 
 void session_new(Call &c) {

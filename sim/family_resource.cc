@@ -2,11 +2,13 @@
 // list, stealing a lock, and the proxy settings of resource records.
 #include <cstdio>
 
+#include "backups.h"
 #include "dispatch.h"
 #include "options.h"
 #include "state.h"
 #include "tq_msg.h"
 #include "tqdb_api.h"
+#include "users.h"
 #include "util.h"
 
 namespace tqsim {
@@ -33,12 +35,14 @@ Resource *find_resource(Call &c, uint32_t id) {
 }
 
 // Body: u32 resource, u8 flag (its meaning is not given; any value goes).
+// Opening a transaction on resource N takes bit N of the account's write
+// mask, as stealing one does.
 void begin(Call &c) {
   uint32_t id = 0;
   uint8_t flag = 0;
   if (!c.in.u32(id) || !c.in.u8(flag) || !c.in.end()) return c.malformed();
   Resource *r = find_resource(c, id);
-  if (!r) return;
+  if (!r || !permitted(c, r->id, Permission::kWrite)) return;
   if (c.sess->open != 0) return c.error(busy_text(c.store, *c.sess));
   if (r->holder != 0) return c.lock(lock_text(c.store, *r));
   c.store.begin(*c.sess, *r);
@@ -47,32 +51,16 @@ void begin(Call &c) {
   c.reply(std::move(m));
 }
 
-// The ruleset and the live views outlive the process when --state names a
-// file: each commit of either writes both. A failed write is reported on
-// stderr; the commit stands.
-void save_committed(Call &c, uint32_t resource) {
-  const std::string &path = c.hub.options().state_file;
-  if (path.empty() ||
-      (resource != TQDB_RESOURCE_RULESET && resource != TQDB_RESOURCE_DYNAMICLIVEVIEW))
-    return;
-  std::string why;
-  if (!save_state(c.store, path, why)) std::fprintf(stderr, "tqdbsim: %s\n", why.c_str());
-}
-
 // Body: string commit message, kept as the commit id's log text.
 void commit(Call &c) {
   std::string text;
   if (!c.in.text(text) || !c.in.end()) return c.malformed();
   if (c.sess->open == 0) return c.error(idle_text(*c.sess));
-  const uint32_t resource = c.sess->open;
-  const tq_commitid_t id = c.store.commit(*c.sess, text, c.hub.now());
-  save_committed(c, resource);
+  const tq_commitid_t id = commit_open(c, text);
   Msg m = c.data();
   if (m) put_commitid(m.get(), id);
   c.reply(std::move(m));
-  for (const auto &[other, s] : c.store.sessions()) {
-    if (other != c.sess->id) c.hub.send_to_session(other, notice_commit(other, id));
-  }
+  broadcast_commit(c, id);
 }
 
 void rollback(Call &c) {
@@ -122,7 +110,7 @@ void resource_19303(Call &c) {
   if (!c.in.u32(id) || !c.in.u8(p.proxy) || !c.in.u8(p.enterprise) || !c.in.text(p.address) ||
       !c.in.text(p.user) || !c.in.text(p.password) || !c.in.end())
     return c.malformed();
-  if (!find_resource(c, id)) return;
+  if (!find_resource(c, id) || !permitted(c, kRecordsResource, Permission::kWrite)) return;
   ResourceData *data = c.edit(*c.store.resource(kRecordsResource));
   if (!data) return;
   data->proxies[id] = std::move(p);
@@ -136,7 +124,7 @@ void steal(Call &c) {
   uint32_t id = 0;
   if (!c.in.u32(id) || !c.in.end()) return c.malformed();
   Resource *r = find_resource(c, id);
-  if (!r) return;
+  if (!r || !permitted(c, r->id, Permission::kWrite)) return;
   if (r->holder == c.sess->id) return c.ok();
   if (c.sess->open != 0) return c.error(busy_text(c.store, *c.sess));
   if (r->holder != 0) {
@@ -166,6 +154,25 @@ constexpr Route kRoutes[] = {
 };
 
 }  // namespace
+
+// The saved resources outlive the process when --state names a file: each
+// commit of one writes them all. A failed write is reported on stderr; the
+// commit stands.
+tq_commitid_t commit_open(Call &c, std::string_view text) {
+  const uint32_t resource = c.sess->open;
+  const tq_commitid_t id = c.store.commit(*c.sess, text, c.hub.now());
+  const std::string &path = c.hub.options().state_file;
+  std::string why;
+  if (!path.empty() && is_saved(resource) && !save_state(c.store, path, why))
+    std::fprintf(stderr, "tqdbsim: %s\n", why.c_str());
+  return id;
+}
+
+void broadcast_commit(Call &c, const tq_commitid_t &id) {
+  for (const auto &[other, s] : c.store.sessions()) {
+    if (other != c.sess->id) c.hub.send_to_session(other, notice_commit(other, id));
+  }
+}
 
 std::span<const Route> family_resource() { return kRoutes; }
 

@@ -24,19 +24,25 @@ bool parse_number(std::string_view text, T max, T &out) {
 }  // namespace
 
 const char *usage_text() {
-  return "usage: tqdbsim [--host ADDR] [--port N] [--user NAME:PASSWORD]... [--version WORD] "
-         "[--state FILE] [--max-reply-bytes N] [--stats-seed N] [--stats-scale N]\n"
-         "       [--query-timeout-ms N] [--query-max-rows N] [--verbose]\n"
+  return "usage: tqdbsim [--host ADDR] [--port N] [--user NAME:PASSWORD]... [--version WORD]\n"
+         "       [--state FILE] [--data DIR] [--max-reply-bytes N] [--max-file-bytes N]\n"
+         "       [--stats-seed N] [--stats-scale N] [--query-timeout-ms N] [--query-max-rows N]\n"
+         "       [--verbose]\n"
          "  --host ADDR           address to listen on (default 127.0.0.1)\n"
          "  --port N              TCP port (default 17100; 0 picks a free one)\n"
          "  --user NAME:PASSWORD  an account that may log in; repeat for more\n"
          "                        (default admin:admin when none is given)\n"
          "  --version WORD        protocol version word announced to clients\n"
          "                        (default 0x6080, 17.1.0)\n"
-         "  --state FILE          load the ruleset and live views from FILE (JSON) at start\n"
-         "                        and save them there after every commit of either\n"
+         "  --state FILE          load the ruleset, live views, users and diagnostics levels\n"
+         "                        from FILE (JSON) at start and save them there after\n"
+         "                        every commit of any of them\n"
+         "  --data DIR            keep the file areas and the backups under DIR, one\n"
+         "                        subdirectory each (default: in memory)\n"
          "  --max-reply-bytes N   cut list answers into messages of at most N bytes\n"
          "                        (64 to 32768, default 32768)\n"
+         "  --max-file-bytes N    largest file an upload may leave, backups included\n"
+         "                        (0 to 4294967295, default 16777216)\n"
          "  --stats-seed N        seed of the generated statistics store (default 1)\n"
          "  --stats-scale N       size of the statistics tree, 1 to 16 (default 1)\n"
          "  --query-timeout-ms N  a statistics query stops after N ms (default 5000)\n"
@@ -72,7 +78,8 @@ ParseResult parse_options(int argc, char **argv, Options &opts, std::string &why
       continue;
     }
     if (arg != "--host" && arg != "--port" && arg != "--user" && arg != "--version" &&
-        arg != "--state" && arg != "--max-reply-bytes" && arg != "--stats-seed" &&
+        arg != "--state" && arg != "--data" && arg != "--max-file-bytes" &&
+        arg != "--max-reply-bytes" && arg != "--stats-seed" &&
         arg != "--stats-scale" && arg != "--query-timeout-ms" && arg != "--query-max-rows") {
       why = "unknown argument '" + std::string(arg) + "'";
       return ParseResult::kBad;
@@ -98,6 +105,17 @@ ParseResult parse_options(int argc, char **argv, Options &opts, std::string &why
         return ParseResult::kBad;
       }
       opts.state_file = value;
+    } else if (arg == "--data") {
+      if (value.empty()) {
+        why = "--data needs a directory";
+        return ParseResult::kBad;
+      }
+      opts.data_dir = value;
+    } else if (arg == "--max-file-bytes") {
+      if (!parse_number<uint64_t>(value, kLargestFileBytes, opts.max_file_bytes)) {
+        why = "bad --max-file-bytes '" + std::string(value) + "' (0 to 4294967295)";
+        return ParseResult::kBad;
+      }
     } else if (arg == "--max-reply-bytes") {
       if (!parse_number<uint32_t>(value, kMaxReplyBytes, opts.max_reply_bytes) ||
           opts.max_reply_bytes < kMinReplyBytes) {

@@ -12,6 +12,9 @@ inline constexpr uint32_t kDefaultVersionWord = 0x6080;  // 17.1.0
 inline constexpr uint16_t kDefaultPort = 17100;
 inline constexpr uint32_t kMaxReplyBytes = 32768;  // a message's capacity
 inline constexpr uint32_t kMinReplyBytes = 64;
+// A download announces its size in a u32, so no file may be larger.
+inline constexpr uint64_t kDefaultMaxFileBytes = 16u << 20;
+inline constexpr uint64_t kLargestFileBytes = 0xFFFFFFFFu;
 
 struct User {
   std::string name;
@@ -27,8 +30,14 @@ struct Options {
   // Largest reply message (payload bytes, header words included) a list
   // answer is cut into; a single record larger than this still goes alone.
   uint32_t max_reply_bytes = kMaxReplyBytes;
-  // Where the committed ruleset and live views are kept; empty: in memory only.
+  // Where the committed ruleset, live views, users and levels are kept;
+  // empty: in memory only.
   std::string state_file;
+  // Where the file areas and the backups are kept, one subdirectory each;
+  // empty: in memory only.
+  std::string data_dir;
+  // Largest file an upload may leave in an area (backups included).
+  uint64_t max_file_bytes = kDefaultMaxFileBytes;
   // The statistics store: generator seed and size (nodes grow with scale).
   uint64_t stats_seed = 1;
   uint32_t stats_scale = 1;

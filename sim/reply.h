@@ -45,7 +45,7 @@ Msg notice_detached(uint32_t session, std::string_view text);
 Msg announce_version(uint32_t word, std::string_view product, std::string_view version);
 
 struct AuthGrant {
-  uint64_t user_number;  // value0: the user's place on the command line, from 1
+  uint64_t user_number;  // value0: the account's id
   uint64_t login_time;   // value1: seconds since 1970
   uint64_t connection;   // value2: the connection's number, from 1
   uint32_t access;       // value3: access level, 1 = full

@@ -48,7 +48,8 @@ std::string peer_text(const sockaddr_storage &ss) {
 Server::Server(Options opts)
     : opts_(std::move(opts)),
       store_("tqdbsim", static_cast<uint64_t>(std::time(nullptr))),
-      stats_(opts_.stats_seed, opts_.stats_scale) {
+      stats_(opts_.stats_seed, opts_.stats_scale),
+      areas_(opts_) {
   if (!stats_.built())
     std::fprintf(stderr, "tqdbsim: statistics store: %s\n", stats_.fault().c_str());
 }
@@ -324,6 +325,7 @@ void Server::reap() {
     }
     log("connection %u closed: %s", it->first, it->second->doom_reason.c_str());
     store_.end_sessions_of(it->first);
+    areas_.drop_uploads_of(it->first);
     it = conns_.erase(it);
   }
 }

@@ -20,6 +20,7 @@
 #include "conn.h"
 #include "dispatch.h"
 #include "options.h"
+#include "files.h"
 #include "stats_store.h"
 #include "store.h"
 #include "util.h"
@@ -45,6 +46,7 @@ class Server final : public Hub {
   uint64_t now() const override;
   StatsStore &stats() override { return stats_; }
   void run_query(std::unique_ptr<QueryRun> q) override;
+  Areas &areas() override { return areas_; }
 
  private:
   void accept_all();
@@ -62,6 +64,7 @@ class Server final : public Hub {
   uint16_t port_ = 0;
   Store store_;
   StatsStore stats_;
+  Areas areas_;
   std::vector<std::unique_ptr<QueryRun>> queries_;
   Dispatch dispatch_;
   std::map<uint32_t, std::unique_ptr<Conn>> conns_;

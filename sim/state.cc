@@ -178,6 +178,40 @@ void io(Io &s, RulesetCounters &c) {
   s.field("ipfix_object", c.rs.last_ipfix_object);
 }
 
+namespace {
+
+void raise(uint32_t &counter, uint32_t id) { counter = std::max(counter, id); }
+
+// Counters are never read back below an id in use, so ids are never handed
+// out twice, whatever a hand-written file or an archive says.
+void settle(Ruleset &rs) {
+  for (uint32_t t = 0; t < kObjectTypes; ++t) {
+    for (const auto &[id, o] : rs.objects[t]) {
+      raise(rs.last_object[t], id);
+      for (const Item &item : o.items) raise(rs.last_item, item.id);
+    }
+  }
+  for (const auto &[id, o] : rs.shaping_objects) raise(rs.last_shaping_object, id);
+  for (const auto &[id, o] : rs.conditions) raise(rs.last_condition, id);
+  for (uint32_t k = 0; k < kRuleKinds; ++k)
+    for (const Rule &r : rs.rules[k]) raise(rs.last_rule[k], r.id);
+  for (const auto &[id, o] : rs.statistics_objects) raise(rs.last_statistics_object, id);
+  for (const auto &[id, o] : rs.ipfix_objects) raise(rs.last_ipfix_object, id);
+}
+
+void settle(LiveViews &lv) {
+  for (const auto &[id, v] : lv.views) {
+    raise(lv.last_view, id);
+    for (const auto &d : v.distributions) raise(lv.last_part, d.id);
+    for (const auto &f : v.filters) {
+      raise(lv.last_part, f.id);
+      for (const auto &x : f.values) raise(lv.last_part, x.id);
+    }
+  }
+}
+
+}  // namespace
+
 void io(Io &s, Ruleset &rs) {
   RulesetCounters counters{rs};
   s.record("counters", counters);
@@ -208,6 +242,7 @@ void io(Io &s, Ruleset &rs) {
   }
   s.by_id("statistics_objects", rs.statistics_objects);
   s.by_id("ipfix_objects", rs.ipfix_objects);
+  if (s.loading()) settle(rs);
 }
 
 void io(Io &s, LiveDistribution &d) {
@@ -249,55 +284,119 @@ void io(Io &s, LiveViews &lv) {
   LiveCounters counters{lv};
   s.record("counters", counters);
   s.by_id("views", lv.views);
+  if (s.loading()) settle(lv);
+}
+
+void io(Io &s, ArchiveHeader &h) {
+  s.field("resource", h.resource);
+  s.field("name", h.name);
+  s.field("date", h.date);
+  s.field("system", h.system);
 }
 
 namespace {
 
-struct State {
-  Ruleset rs;
-  LiveViews lv;
+// One saved resource: its member in the document, how its contents are
+// described, and how parsed contents replace the live ones.
+struct Part {
+  uint32_t resource;
+  const char *key;
+  void (*load)(Io &, const char *, ResourceData &);
+  void (*save)(Io &, const char *, const ResourceData &);
+  void (*adopt)(ResourceData &, ResourceData &);
 };
 
-void io(Io &s, State &st) {
-  uint64_t format_version = kFormat;
-  s.field("format", format_version);
-  if (s.loading() && format_version != kFormat)
-    s.fail(format("format %llu is not one this simulator reads (%llu)",
-                  static_cast<unsigned long long>(format_version),
-                  static_cast<unsigned long long>(kFormat)));
-  s.record("ruleset", st.rs);
-  s.record("liveviews", st.lv);
+template <auto M>
+void load_part(Io &s, const char *key, ResourceData &d) {
+  s.record(key, d.*M);
+}
+// The descriptions take their records by reference in both directions, so
+// a save works on a copy of the one member.
+template <auto M>
+void save_part(Io &s, const char *key, const ResourceData &d) {
+  auto copy = d.*M;
+  s.record(key, copy);
+}
+template <auto M>
+void adopt_part(ResourceData &to, ResourceData &from) {
+  to.*M = std::move(from.*M);
+}
+template <auto M>
+constexpr Part part(uint32_t resource, const char *key) {
+  return {resource, key, load_part<M>, save_part<M>, adopt_part<M>};
 }
 
-// Counters never below an id in use.
-void settle_counters(State &st) {
-  auto raise = [](uint32_t &counter, uint32_t id) { counter = std::max(counter, id); };
-  Ruleset &rs = st.rs;
-  for (uint32_t t = 0; t < kObjectTypes; ++t) {
-    for (const auto &[id, o] : rs.objects[t]) {
-      raise(rs.last_object[t], id);
-      for (const Item &item : o.items) raise(rs.last_item, item.id);
-    }
-  }
-  for (const auto &[id, o] : rs.shaping_objects) raise(rs.last_shaping_object, id);
-  for (const auto &[id, o] : rs.conditions) raise(rs.last_condition, id);
-  for (uint32_t k = 0; k < kRuleKinds; ++k)
-    for (const Rule &r : rs.rules[k]) raise(rs.last_rule[k], r.id);
-  for (const auto &[id, o] : rs.statistics_objects) raise(rs.last_statistics_object, id);
-  for (const auto &[id, o] : rs.ipfix_objects) raise(rs.last_ipfix_object, id);
-  for (const auto &[id, v] : st.lv.views) {
-    raise(st.lv.last_view, id);
-    for (const auto &d : v.distributions) raise(st.lv.last_part, d.id);
-    for (const auto &f : v.filters) {
-      raise(st.lv.last_part, f.id);
-      for (const auto &x : f.values) raise(st.lv.last_part, x.id);
-    }
-  }
+constexpr Part kParts[] = {
+    part<&ResourceData::ruleset>(TQDB_RESOURCE_RULESET, "ruleset"),
+    part<&ResourceData::liveviews>(TQDB_RESOURCE_DYNAMICLIVEVIEW, "liveviews"),
+    part<&ResourceData::users>(TQDB_RESOURCE_USERS, "users"),
+    part<&ResourceData::levels>(TQDB_RESOURCE_SYSDIAG, "levels"),
+};
+
+const Part *find_part(uint32_t resource) {
+  for (const Part &p : kParts)
+    if (p.resource == resource) return &p;
+  return nullptr;
 }
 
 const ResourceData &committed(const Resource &r) { return r.snapshot ? *r.snapshot : r.data; }
 
 }  // namespace
+
+bool is_saved(uint32_t resource) { return find_part(resource) != nullptr; }
+
+std::vector<uint32_t> saved_resources() {
+  std::vector<uint32_t> out;
+  for (const Part &p : kParts) out.push_back(p.resource);
+  std::sort(out.begin(), out.end());
+  return out;
+}
+
+Json saved_document(const Store &store, uint32_t only, const ArchiveHeader *header) {
+  Json doc;
+  std::string error;  // writing never fails
+  Io root(doc, false, error, "");
+  uint64_t format_version = kFormat;
+  root.field("format", format_version);
+  if (header) {
+    ArchiveHeader h = *header;
+    root.record("backup", h);
+  }
+  for (const Part &p : kParts) {
+    if (only != 0 && p.resource != only) continue;
+    p.save(root, p.key, committed(*store.resource(p.resource)));
+  }
+  return doc;
+}
+
+bool read_document(Json &doc, ArchiveHeader *header, std::vector<SavedPart> &parts,
+                   std::string &error) {
+  parts.clear();
+  Io root(doc, true, error, "");
+  uint64_t format_version = kFormat;
+  root.field("format", format_version);
+  if (error.empty() && format_version != kFormat)
+    root.fail(format("format %llu is not one this simulator reads (%llu)",
+                     static_cast<unsigned long long>(format_version),
+                     static_cast<unsigned long long>(kFormat)));
+  if (header) {
+    if (error.empty() && !doc.find("backup")) root.fail("no \"backup\" member: not a backup archive");
+    root.record("backup", *header);
+  }
+  for (const Part &p : kParts) {
+    // A state file may leave any part out (it starts empty); an archive
+    // holds the parts it was dumped with.
+    if (header && !doc.find(p.key)) continue;
+    SavedPart sp{p.resource, {}};
+    p.load(root, p.key, sp.data);
+    parts.push_back(std::move(sp));
+  }
+  return error.empty();
+}
+
+void adopt(Resource &r, ResourceData &from) {
+  if (const Part *p = find_part(r.id)) p->adopt(r.data, from);
+}
 
 bool load_state(Store &store, const std::string &path, std::string &why) {
   std::string text;
@@ -313,27 +412,17 @@ bool load_state(Store &store, const std::string &path, std::string &why) {
     why = "state file " + path + " is not valid JSON: " + error;
     return false;
   }
-  State st;
-  Io root(doc, true, error, "");
-  io(root, st);
-  if (!error.empty()) {
+  std::vector<SavedPart> parts;
+  if (!read_document(doc, nullptr, parts, error)) {
     why = "state file " + path + ": " + error;
     return false;
   }
-  settle_counters(st);
-  store.resource(TQDB_RESOURCE_RULESET)->data.ruleset = std::move(st.rs);
-  store.resource(TQDB_RESOURCE_DYNAMICLIVEVIEW)->data.liveviews = std::move(st.lv);
+  for (SavedPart &p : parts) adopt(*store.resource(p.resource), p.data);
   return true;
 }
 
 bool save_state(const Store &store, const std::string &path, std::string &why) {
-  State st{committed(*store.resource(TQDB_RESOURCE_RULESET)).ruleset,
-           committed(*store.resource(TQDB_RESOURCE_DYNAMICLIVEVIEW)).liveviews};
-  Json doc;
-  std::string error;
-  Io root(doc, false, error, "");
-  io(root, st);
-  if (!save_atomically(path, dump(doc) + "\n", why)) {
+  if (!save_atomically(path, dump(saved_document(store, 0, nullptr)) + "\n", why)) {
     why = "cannot save state file " + path + ": " + why;
     return false;
   }
