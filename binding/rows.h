@@ -325,6 +325,16 @@ extern const std::span<const PyMethodDef> g_sysdiag_rows;
 extern const std::span<const PyMethodDef> g_user_rows;
 extern const std::span<const PyMethodDef> g_fileserv_rows;
 extern const std::span<const PyMethodDef> g_backup_rows;
+extern const std::span<const PyMethodDef> g_channel_rows;
+extern const std::span<const PyMethodDef> g_channel_label_rows;
+extern const std::span<const PyMethodDef> g_monitoriface_rows;
+extern const std::span<const PyMethodDef> g_config_rows;
+extern const std::span<const PyMethodDef> g_services_rows;
+extern const std::span<const PyMethodDef> g_features_rows;
+extern const std::span<const PyMethodDef> g_connlog_rows;
+extern const std::span<const PyMethodDef> g_system_overview_rows;
+extern const std::span<const PyMethodDef> g_hosttrigger_rows;
+extern const std::span<const PyMethodDef> g_connprot_trigger_rows;
 
 extern const std::span<const Field> g_object_fields;
 extern const std::span<const Field> g_shapingobject_fields;
@@ -345,6 +355,21 @@ extern const std::span<const Field> g_user_fields;
 extern const std::span<const Field> g_fileserv_type_fields;
 extern const std::span<const Field> g_fileserv_file_fields;
 extern const std::span<const Field> g_backup_fields;
+// channel.cc ... connprot_trigger.cc
+extern const std::span<const Field> g_channel_fields;
+extern const std::span<const Field> g_channel_label_fields;
+extern const std::span<const Field> g_monitoriface_fields;
+extern const std::span<const Field> g_config_fields;
+extern const std::span<const Field> g_config_category_fields;
+extern const std::span<const Field> g_config_flag_fields;
+extern const std::span<const Field> g_log_facility_fields;
+extern const std::span<const Field> g_services_fields;
+extern const std::span<const Field> g_connlog_fields;
+extern const std::span<const Field> g_system_overview_system_fields;
+extern const std::span<const Field> g_system_overview_template_fields;
+extern const std::span<const Field> g_system_overview_graph_fields;
+extern const std::span<const Field> g_hosttrigger_fields;
+extern const std::span<const Field> g_connprot_trigger_fields;
 // statreader.cc: a node of the node lists, and the list record and graph
 // classes, whose list holds one node: the record the decoders continue.
 extern const std::span<const Field> g_statreader_node_fields;

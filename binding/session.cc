@@ -307,7 +307,9 @@ std::vector<PyMethodDef> &session_methods() {
         kCoreRows,          g_object_rows,          g_shapingobject_rows,   g_rule_rows,
         g_ruleconditions_rows, g_dynamicliveview_rows, g_statisticsobject_rows,
         g_statreader_rows,  g_stat_query_rows,   g_sysdiag_rows,         g_user_rows,
-        g_fileserv_rows,    g_backup_rows,
+        g_fileserv_rows,    g_backup_rows,          g_channel_rows,         g_channel_label_rows,
+        g_monitoriface_rows, g_config_rows,         g_services_rows,        g_features_rows,
+        g_connlog_rows,     g_system_overview_rows, g_hosttrigger_rows,     g_connprot_trigger_rows,
     };
     for (const auto &rows : families) methods.insert(methods.end(), rows.begin(), rows.end());
     methods.push_back(TQ_METHOD_END);

@@ -126,6 +126,9 @@ constexpr Family kFamilies[] = {
     family_statisticsrule, family_ruleattr,        family_ruleconditions,   family_dynamicliveview,
     family_statisticsobject, family_ipfixobject, family_statreader,
     family_sysdiag,        family_user,             family_fileserv,         family_backup,
+    family_channel,        family_channel_label,    family_monitoriface,     family_config,
+    family_services,       family_features,         family_connlog,          family_system_overview,
+    family_hosttrigger,    family_connprot_trigger,
 };
 
 // Which resource a request reads, by its code: the caller's account needs

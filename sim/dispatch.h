@@ -154,6 +154,16 @@ std::span<const Route> family_sysdiag();
 std::span<const Route> family_user();
 std::span<const Route> family_fileserv();
 std::span<const Route> family_backup();
+std::span<const Route> family_channel();
+std::span<const Route> family_channel_label();
+std::span<const Route> family_monitoriface();
+std::span<const Route> family_config();
+std::span<const Route> family_services();
+std::span<const Route> family_features();
+std::span<const Route> family_connlog();
+std::span<const Route> family_system_overview();
+std::span<const Route> family_hosttrigger();
+std::span<const Route> family_connprot_trigger();
 
 // What every connection receives once its handshake is done: the version
 // word and the texts "tqdbsim" and "17.1.0" (the word decoded).

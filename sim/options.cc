@@ -21,32 +21,74 @@ bool parse_number(std::string_view text, T max, T &out) {
   return true;
 }
 
+// The options that take a number: the member, its range, and how a bad
+// value is named ("bad port '...'").
+struct NumberOption {
+  std::string_view name;
+  uint64_t Options::*wide = nullptr;
+  uint32_t Options::*word = nullptr;
+  uint16_t Options::*half = nullptr;
+  uint64_t min, max;
+  const char *bad;  // the refusal, before the value
+  const char *range = "";  // shown after it
+};
+
+constexpr NumberOption kNumbers[] = {
+    {"--port", nullptr, nullptr, &Options::port, 0, 65535, "bad port"},
+    {"--version", nullptr, &Options::version, nullptr, 0, 0xFFFFFFFF, "bad version word"},
+    {"--max-file-bytes", &Options::max_file_bytes, nullptr, nullptr, 0, kLargestFileBytes,
+     "bad --max-file-bytes", " (0 to 4294967295)"},
+    {"--max-reply-bytes", nullptr, &Options::max_reply_bytes, nullptr, kMinReplyBytes,
+     kMaxReplyBytes, "bad --max-reply-bytes", " (64 to 32768)"},
+    {"--stats-seed", &Options::stats_seed, nullptr, nullptr, 0, ~uint64_t{0}, "bad --stats-seed"},
+    {"--stats-scale", nullptr, &Options::stats_scale, nullptr, 1, 16, "bad --stats-scale",
+     " (1 to 16)"},
+    {"--query-timeout-ms", nullptr, &Options::query_timeout_ms, nullptr, 1, 0xFFFFFFFF,
+     "bad --query-timeout-ms"},
+    {"--query-max-rows", nullptr, &Options::query_max_rows, nullptr, 1, 0xFFFFFFFF,
+     "bad --query-max-rows"},
+    {"--channels", nullptr, &Options::channels, nullptr, 1, 64, "bad --channels", " (1 to 64)"},
+    {"--features", &Options::features, nullptr, nullptr, 0, ~uint64_t{0}, "bad --features"},
+    {"--connlog-entries", nullptr, &Options::connlog_entries, nullptr, 0, 10000000,
+     "bad --connlog-entries", " (0 to 10000000)"},
+};
+
+const NumberOption *number_option(std::string_view arg) {
+  for (const NumberOption &o : kNumbers)
+    if (o.name == arg) return &o;
+  return nullptr;
+}
+
 }  // namespace
 
 const char *usage_text() {
   return "usage: tqdbsim [--host ADDR] [--port N] [--user NAME:PASSWORD]... [--version WORD]\n"
          "       [--state FILE] [--data DIR] [--max-reply-bytes N] [--max-file-bytes N]\n"
          "       [--stats-seed N] [--stats-scale N] [--query-timeout-ms N] [--query-max-rows N]\n"
-         "       [--verbose]\n"
+         "       [--channels N] [--features BITS] [--connlog-entries N] [--verbose]\n"
          "  --host ADDR           address to listen on (default 127.0.0.1)\n"
          "  --port N              TCP port (default 17100; 0 picks a free one)\n"
          "  --user NAME:PASSWORD  an account that may log in; repeat for more\n"
          "                        (default admin:admin when none is given)\n"
          "  --version WORD        protocol version word announced to clients\n"
          "                        (default 0x6080, 17.1.0)\n"
-         "  --state FILE          load the ruleset, live views, users and diagnostics levels\n"
-         "                        from FILE (JSON) at start and save them there after\n"
-         "                        every commit of any of them\n"
+         "  --state FILE          load the committed state (ruleset, live views, users,\n"
+         "                        levels and the other saved resources) from FILE (JSON)\n"
+         "                        at start and save it there after every commit\n"
          "  --data DIR            keep the file areas and the backups under DIR, one\n"
          "                        subdirectory each (default: in memory)\n"
          "  --max-reply-bytes N   cut list answers into messages of at most N bytes\n"
          "                        (64 to 32768, default 32768)\n"
          "  --max-file-bytes N    largest file an upload may leave, backups included\n"
          "                        (0 to 4294967295, default 16777216)\n"
-         "  --stats-seed N        seed of the generated statistics store (default 1)\n"
+         "  --stats-seed N        seed of the generated statistics store and connection\n"
+         "                        log (default 1)\n"
          "  --stats-scale N       size of the statistics tree, 1 to 16 (default 1)\n"
          "  --query-timeout-ms N  a statistics query stops after N ms (default 5000)\n"
          "  --query-max-rows N    a statistics query stops after N rows (default 100000)\n"
+         "  --channels N          channels of the appliance, 1 to 64 (default 2)\n"
+         "  --features BITS       the FEATURES_* bits features_get reports (default 0xfff)\n"
+         "  --connlog-entries N   entries of the generated connection log (default 10000)\n"
          "  --verbose             log connections and requests on stderr\n"
          "Prints \"tqdbsim listening on HOST:PORT\" once ready; stops on SIGINT or SIGTERM.\n";
 }
@@ -77,10 +119,8 @@ ParseResult parse_options(int argc, char **argv, Options &opts, std::string &why
       opts.verbose = true;
       continue;
     }
-    if (arg != "--host" && arg != "--port" && arg != "--user" && arg != "--version" &&
-        arg != "--state" && arg != "--data" && arg != "--max-file-bytes" &&
-        arg != "--max-reply-bytes" && arg != "--stats-seed" &&
-        arg != "--stats-scale" && arg != "--query-timeout-ms" && arg != "--query-max-rows") {
+    const NumberOption *number = number_option(arg);
+    if (!number && arg != "--host" && arg != "--user" && arg != "--state" && arg != "--data") {
       why = "unknown argument '" + std::string(arg) + "'";
       return ParseResult::kBad;
     }
@@ -88,17 +128,21 @@ ParseResult parse_options(int argc, char **argv, Options &opts, std::string &why
       why = std::string(arg) + " needs a value";
       return ParseResult::kBad;
     }
-    if (arg == "--host") {
+    if (number) {
+      uint64_t v = 0;
+      if (!parse_number<uint64_t>(value, number->max, v) || v < number->min) {
+        why = std::string(number->bad) + " '" + std::string(value) + "'" + number->range;
+        return ParseResult::kBad;
+      }
+      if (number->wide) opts.*number->wide = v;
+      if (number->word) opts.*number->word = static_cast<uint32_t>(v);
+      if (number->half) opts.*number->half = static_cast<uint16_t>(v);
+    } else if (arg == "--host") {
       if (value.empty()) {
         why = "--host needs an address";
         return ParseResult::kBad;
       }
       opts.host = value;
-    } else if (arg == "--port") {
-      if (!parse_number<uint16_t>(value, 65535, opts.port)) {
-        why = "bad port '" + std::string(value) + "'";
-        return ParseResult::kBad;
-      }
     } else if (arg == "--state") {
       if (value.empty()) {
         why = "--state needs a file name";
@@ -111,38 +155,6 @@ ParseResult parse_options(int argc, char **argv, Options &opts, std::string &why
         return ParseResult::kBad;
       }
       opts.data_dir = value;
-    } else if (arg == "--max-file-bytes") {
-      if (!parse_number<uint64_t>(value, kLargestFileBytes, opts.max_file_bytes)) {
-        why = "bad --max-file-bytes '" + std::string(value) + "' (0 to 4294967295)";
-        return ParseResult::kBad;
-      }
-    } else if (arg == "--max-reply-bytes") {
-      if (!parse_number<uint32_t>(value, kMaxReplyBytes, opts.max_reply_bytes) ||
-          opts.max_reply_bytes < kMinReplyBytes) {
-        why = "bad --max-reply-bytes '" + std::string(value) + "' (64 to 32768)";
-        return ParseResult::kBad;
-      }
-    } else if (arg == "--stats-seed") {
-      if (!parse_number<uint64_t>(value, ~uint64_t{0}, opts.stats_seed)) {
-        why = "bad --stats-seed '" + std::string(value) + "'";
-        return ParseResult::kBad;
-      }
-    } else if (arg == "--stats-scale") {
-      if (!parse_number<uint32_t>(value, 16, opts.stats_scale) || opts.stats_scale == 0) {
-        why = "bad --stats-scale '" + std::string(value) + "' (1 to 16)";
-        return ParseResult::kBad;
-      }
-    } else if (arg == "--query-timeout-ms" || arg == "--query-max-rows") {
-      uint32_t &to = arg == "--query-max-rows" ? opts.query_max_rows : opts.query_timeout_ms;
-      if (!parse_number<uint32_t>(value, 0xFFFFFFFFu, to) || to == 0) {
-        why = "bad " + std::string(arg) + " '" + std::string(value) + "'";
-        return ParseResult::kBad;
-      }
-    } else if (arg == "--version") {
-      if (!parse_number<uint32_t>(value, 0xFFFFFFFFu, opts.version)) {
-        why = "bad version word '" + std::string(value) + "'";
-        return ParseResult::kBad;
-      }
     } else {
       const auto colon = value.find(':');
       if (colon == std::string_view::npos || colon == 0) {

@@ -44,6 +44,12 @@ struct Options {
   // A columnar query ends with a notice past either limit.
   uint32_t query_timeout_ms = 5000;
   uint32_t query_max_rows = 100000;
+  // Channels of the appliance (two interfaces each).
+  uint32_t channels = 2;
+  // What features_get reports (FEATURES_* bits).
+  uint64_t features = 0xFFF;
+  // Entries of the generated connection log (seeded by stats_seed).
+  uint32_t connlog_entries = 10000;
 };
 
 enum class ParseResult { kRun, kHelp, kBad };

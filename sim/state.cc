@@ -331,6 +331,12 @@ constexpr Part kParts[] = {
     part<&ResourceData::liveviews>(TQDB_RESOURCE_DYNAMICLIVEVIEW, "liveviews"),
     part<&ResourceData::users>(TQDB_RESOURCE_USERS, "users"),
     part<&ResourceData::levels>(TQDB_RESOURCE_SYSDIAG, "levels"),
+    part<&ResourceData::channels>(TQDB_RESOURCE_CHANNELS, "channels"),
+    part<&ResourceData::config>(TQDB_RESOURCE_CONFIG, "config"),
+    part<&ResourceData::logs>(TQDB_RESOURCE_LOGS, "logs"),
+    part<&ResourceData::hosttriggers>(TQDB_RESOURCE_HOSTTRIGGER, "hosttriggers"),
+    part<&ResourceData::overview>(TQDB_RESOURCE_SYSTEM_OVERVIEW, "system_overview"),
+    part<&ResourceData::connprot_triggers>(TQDB_RESOURCE_CONNPROT_TRIGGER, "connprot_triggers"),
 };
 
 const Part *find_part(uint32_t resource) {

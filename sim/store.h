@@ -26,8 +26,12 @@
 #include <string_view>
 #include <vector>
 
+#include "channels.h"
+#include "config.h"
+#include "overview.h"
 #include "ruleset.h"
 #include "sysdiag.h"
+#include "triggers.h"
 #include "users.h"
 #include "tq_commitid.h"
 
@@ -56,6 +60,18 @@ struct ResourceData {
   Users users;
   // Resource "sysdiag" (7): the levels.
   Levels levels;
+  // Resource "channels" (2).
+  Channels channels;
+  // Resource "config" (4).
+  Config config;
+  // Resource "logs" (9).
+  LogLevels logs;
+  // Resource "hosttrigger" (12).
+  HostTriggers hosttriggers;
+  // Resource "system_overview" (13).
+  SystemOverview overview;
+  // Resource "connprot_trigger" (20).
+  ConnprotTriggers connprot_triggers;
 };
 
 struct Resource {
