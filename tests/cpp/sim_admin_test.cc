@@ -202,7 +202,7 @@ TEST_F(SimAdmin, BackupsDumpRefuseDamageAndRestoreAsCommits) {
   ASSERT_TRUE(Is(named, kData));
   char text[256] = "";
   EXPECT_TRUE(tq_msg_get_string_len(named->msg, text, sizeof text) && std::string(text) == "b1");
-  EXPECT_TRUE(Is(a_.ask(kDump, "b2", uint32_t{5}), kErr, "Resource 5 (statreader) is not kept in backups; these are: 1 (ruleset), 3 (users), 7 (sysdiag), 23 (dynamicliveview)"));
+  EXPECT_TRUE(Is(a_.ask(kDump, "b2", uint32_t{5}), kErr, "Resource 5 (statreader) is not kept in backups; these are: 1 (ruleset), 2 (channels), 3 (users), 4 (config), 7 (sysdiag), 9 (logs), 12 (hosttrigger), 13 (system_overview), 20 (connprot_trigger), 23 (dynamicliveview)"));
   ASSERT_NO_FATAL_FAILURE(a_.add_statistics_object("two"));
 
   const std::string archive = a_.download("b1", true);
