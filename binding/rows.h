@@ -134,7 +134,7 @@ template <class T>
 using RecordPtr = std::unique_ptr<T, TqFree>;
 using ItemPtr = RecordPtr<tqdb_api_object_item_t>;
 
-inline constexpr size_t kMaxArgs = 12;
+inline constexpr size_t kMaxArgs = 16;
 inline constexpr size_t kMaxParams = 10;
 inline constexpr size_t kRecordBytes = 4096;
 
