@@ -4,17 +4,18 @@
 
 #include "reply_reader.h"
 #include "tq_list.h"
+#include "ruleset_rows.h"
 #include "transfer.h"
 
 namespace {
 
 using Backup = tqdb_api_backup_t;
 
-constexpr tq::ColRow kCols[]{TQ_COL(Backup, path, Text), TQ_COL(Backup, cdate, U64),
-                             TQ_COL(Backup, size, U64)};
-constexpr tq::RecordKind kBackup{"tqdb_api_backup_t", sizeof(Backup), kCols,
-                                 "tqdb_api_backup_list_handle"};
-static_assert(tq::cols_fit(kBackup));
+constexpr tqdb_api_item_field_t kCols[]{TQ_ROW(Backup, path, Text), TQ_ROW(Backup, cdate, U64),
+                             TQ_ROW(Backup, size, U64)};
+constexpr tq::RecordKind kBackup{{"tqdb_api_backup_t", sizeof(Backup), kCols},
+                             "tqdb_api_backup_list_handle"};
+static_assert(tq::rows_fit(sizeof(Backup), kCols));
 
 // The start and finish requests carry no type; the appliance may answer the
 // start with a bare OK.

@@ -3,6 +3,7 @@
 
 #include "reply_reader.h"
 #include "tq_list.h"
+#include "ruleset_rows.h"
 #include "transfer.h"
 
 namespace {
@@ -10,15 +11,16 @@ namespace {
 using Type = tqdb_api_fileserv_type_t;
 using File = tqdb_api_fileserv_file_t;
 
-constexpr tq::ColRow kTypeCols[]{TQ_COL(Type, id, U32), TQ_COL(Type, flags, U32),
-                                 TQ_COL(Type, name, Text)};
-constexpr tq::RecordKind kType{"tqdb_api_fileserv_type_t", sizeof(Type), kTypeCols,
-                               "tqdb_api_fileserv_types_handle"};
-constexpr tq::ColRow kFileCols[]{TQ_COL(File, name, Text), TQ_COL(File, size, U64),
-                                 TQ_COL(File, mtime, U64)};
-constexpr tq::RecordKind kFile{"tqdb_api_fileserv_file_t", sizeof(File), kFileCols,
-                               "tqdb_api_fileserv_list_handle"};
-static_assert(tq::cols_fit(kType) && tq::cols_fit(kFile));
+constexpr tqdb_api_item_field_t kTypeCols[]{TQ_ROW(Type, id, U32), TQ_ROW(Type, flags, U32),
+                                 TQ_ROW(Type, name, Text)};
+constexpr tq::RecordKind kType{{"tqdb_api_fileserv_type_t", sizeof(Type), kTypeCols},
+                             "tqdb_api_fileserv_types_handle"};
+constexpr tqdb_api_item_field_t kFileCols[]{TQ_ROW(File, name, Text), TQ_ROW(File, size, U64),
+                                 TQ_ROW(File, mtime, U64)};
+constexpr tq::RecordKind kFile{{"tqdb_api_fileserv_file_t", sizeof(File), kFileCols},
+                             "tqdb_api_fileserv_list_handle"};
+static_assert(tq::rows_fit(sizeof(Type), kTypeCols) &&
+              tq::rows_fit(sizeof(File), kFileCols));
 
 constexpr tq::UploadKind kUpload{TQDB_REQ_FILESERV_UPLOAD_START, TQDB_REQ_FILESERV_UPLOAD_DATA,
                                  TQDB_REQ_FILESERV_UPLOAD_FINISH, true, false,

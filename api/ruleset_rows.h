@@ -44,6 +44,8 @@ constexpr size_t record_width(tqdb_api_wire w) {
     case tqdb_api_wire::U8AsU32:
     case tqdb_api_wire::U32:
       return 4;
+    case tqdb_api_wire::U64:
+      return 8;
     case tqdb_api_wire::Text:
       return 0;
   }
@@ -87,6 +89,11 @@ inline void read_rows(ReplyReader &r, Rows rows, void *rec,
         std::memcpy(p, &v, sizeof v);
         break;
       }
+      case tqdb_api_wire::U64: {
+        const uint64_t v = r.u64(w);
+        std::memcpy(p, &v, sizeof v);
+        break;
+      }
       case tqdb_api_wire::Text:
         r.text(reinterpret_cast<char *>(p), f.size, w);
         break;
@@ -120,6 +127,12 @@ inline void write_rows(tq_msg_t *m, Rows rows, const void *rec) {
         uint32_t v;
         std::memcpy(&v, p, sizeof v);
         tq_msg_put_uint32(m, v);
+        break;
+      }
+      case tqdb_api_wire::U64: {
+        uint64_t v;
+        std::memcpy(&v, p, sizeof v);
+        tq_msg_put_uint64(m, v);
         break;
       }
       case tqdb_api_wire::Text: {

@@ -143,34 +143,7 @@ int download_reply(tqdb_api_msg_t *env, tqdb_api_transfer_output_t out, uint32_t
 tq_list_t *read_listing(tqdb_api_msg_t *env, const RecordKind &kind, tq_list_t *list) {
   if (tqdb_api_msg_get_type(env) != TQDB_API_MSG_TYPE_DATA || env->msg == nullptr) return list;
   ReplyReader r(env, kind.decoder);
-  tq_list_t *fresh = nullptr;  // newest first
-  while (r.ok() && r.left() > 0) {
-    auto *rec = static_cast<unsigned char *>(tq_zalloc(kind.label, kind.size));
-    for (const ColRow &c : kind.cols) {
-      unsigned char *p = rec + c.offset;
-      switch (c.col) {
-        case Col::U32: {
-          const uint32_t v = r.u32();
-          std::memcpy(p, &v, sizeof v);
-          break;
-        }
-        case Col::U64: {
-          const uint64_t v = r.u64();
-          std::memcpy(p, &v, sizeof v);
-          break;
-        }
-        case Col::Text:
-          r.text(reinterpret_cast<char *>(p), c.size);
-          break;
-      }
-    }
-    if (!r.ok()) {
-      tq_free_flags(rec);
-      break;
-    }
-    if (!push_front(fresh, rec)) break;
-  }
-  return tq_list_concat(list, tq_list_reverse(fresh));
+  return read_records(r, kind.layout, list, 1);
 }
 
 }  // namespace tq

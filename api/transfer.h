@@ -10,6 +10,7 @@
 #include <span>
 
 #include "tqdb_api.h"
+#include "tqdb_api_ruleset.h"
 #include "tqdb_api_fileserv.h"
 
 struct tq_list_t;
@@ -50,32 +51,12 @@ int download_reply(tqdb_api_msg_t *env, tqdb_api_transfer_output_t out, uint32_t
                    const char *decoder);
 
 // --- listings --------------------------------------------------------------------------------
-// One field of a flat record: how it travels, its place and size (a
-// text's array size, maximum + 1).
-enum class Col : uint8_t { U32, U64, Text };
-struct ColRow {
-  Col col;
-  uint16_t offset;
-  uint16_t size;
-};
-#define TQ_COL(T, m, col) \
-  ::tq::ColRow { ::tq::Col::col, offsetof(T, m), sizeof(T::m) }
-
+// A flat record of a listing: its rows (api/ruleset_rows.h) and the
+// decoder named when a reply is cut short.
 struct RecordKind {
-  const char *label;  // also the record type's name
-  size_t size;
-  std::span<const ColRow> cols;
+  tqdb_api_item_layout_t layout;
   const char *decoder;
 };
-
-constexpr bool cols_fit(const RecordKind &k) {
-  for (const ColRow &c : k.cols) {
-    const size_t want = c.col == Col::U32 ? 4 : c.col == Col::U64 ? 8 : 0;
-    if (want != 0 ? c.size != want : c.size < 2) return false;
-    if (size_t{c.offset} + c.size > k.size) return false;
-  }
-  return true;
-}
 
 // Records one after the other while the body lasts, appended to list in
 // reply order; a record cut short is dropped and ends the reply. A reply

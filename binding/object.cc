@@ -86,6 +86,7 @@ ItemPtr item_from_dict(long long type, PyObject *dict) {
       case tqdb_api_wire::U8AsU32: store(static_cast<uint32_t>(static_cast<uint8_t>(v))); break;
       case tqdb_api_wire::U16: store(static_cast<uint16_t>(v)); break;
       case tqdb_api_wire::U32: store(v); break;
+      case tqdb_api_wire::U64: store(uint64_t{v}); break;
       case tqdb_api_wire::Text: break;
     }
   }
@@ -114,6 +115,7 @@ OwnedRef item_to_dict(const tqdb_api_object_item_t *item) {
       case tqdb_api_wire::U8AsU32:
       case tqdb_api_wire::U32: value = int_u64(load(uint32_t{})); break;
       case tqdb_api_wire::U16: value = int_u64(load(uint16_t{})); break;
+      case tqdb_api_wire::U64: value = int_u64(load(uint64_t{})); break;
       case tqdb_api_wire::Text:
         value = record_text(reinterpret_cast<const char *>(p), f.size);
         break;

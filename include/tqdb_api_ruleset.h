@@ -149,9 +149,9 @@ struct tqdb_api_object_item_t {
   tqdb_api_audit_t audit;
 };
 
-// How one type-specific field travels. The record keeps the wire width,
+// How one field of a record travels. The record keeps the wire width,
 // except U8AsU32: a u8 on the wire held in a uint32_t (the items' `type`).
-enum class tqdb_api_wire : uint8_t { U8, U8AsU32, U16, U32, Text };
+enum class tqdb_api_wire : uint8_t { U8, U8AsU32, U16, U32, U64, Text };
 
 // One type-specific field: its dictionary key, wire form, place and size in
 // the record (for Text the char array's size, maximum + 1).
