@@ -23,7 +23,7 @@
 
 #include "tq_msg.h"
 #include "tqdb_api.h"
-#include "tqdb_api_ruleset.h"
+#include "tqdb_api_ruleset.h"  // tqdb_api_audit_t
 
 namespace tq {
 
@@ -32,11 +32,21 @@ class ReplyReader {
   using Where = std::source_location;
 
   ReplyReader(tqdb_api_msg_t *env, const char *decoder) : env_(env), decoder_(decoder) {}
+  // A reader that tells nobody: for the decoders whose replies may end in
+  // the middle of a record by design (the level list).
+  static ReplyReader quiet(tqdb_api_msg_t *env) {
+    ReplyReader r(env, nullptr);
+    r.report_ = false;
+    return r;
+  }
 
   tq_msg_t *msg() const { return env_->msg; }
   uint32_t left() const { return tq_msg_avail_bytes(env_->msg); }
   // No field has been short so far.
   bool ok() const { return ok_; }
+  // Marks the reply broken for a reason other than a short field (a count
+  // the body cannot hold), reported like one.
+  void fail(Where w = Where::current()) { check(false, w); }
 
   uint8_t u8(Where w = Where::current()) { return get<uint8_t, tq_msg_get_uint8>(w); }
   uint16_t u16(Where w = Where::current()) { return get<uint16_t, tq_msg_get_uint16>(w); }
@@ -69,7 +79,7 @@ class ReplyReader {
   bool check(bool read, const Where &w) {
     if (!read) {
       ok_ = false;
-      tqdb_api_msg_corrupt(env_, decoder_, w.file_name(), static_cast<int>(w.line()));
+      if (report_) tqdb_api_msg_corrupt(env_, decoder_, w.file_name(), static_cast<int>(w.line()));
     }
     return read;
   }
@@ -77,6 +87,7 @@ class ReplyReader {
   tqdb_api_msg_t *env_;
   const char *decoder_;
   bool ok_ = true;
+  bool report_ = true;
 };
 
 }  // namespace tq

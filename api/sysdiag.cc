@@ -2,8 +2,9 @@
 // memory usage. Every record is a row table walked by one reader.
 #include "tqdb_api_sysdiag.h"
 
-#include <cstring>
 
+#include "reply_reader.h"
+#include "ruleset_rows.h"
 #include "tq_list.h"
 #include "tq_malloc.h"
 #include "tq_msg.h"
@@ -11,191 +12,116 @@
 
 namespace {
 
-using W = tqdb_api_sysdiag_wire;
-using Field = tqdb_api_sysdiag_field_t;
-
-#define TQ_SD_ROW(T, m, wire) \
-  Field { #m, W::wire, offsetof(T, m), sizeof(T::m) }
+using Field = tqdb_api_item_field_t;
 
 using Level = tqdb_api_sysdiag_level_t;
 constexpr Field kLevel[] = {
-    TQ_SD_ROW(Level, oid_a, U32),        TQ_SD_ROW(Level, oid_b, U32),
-    TQ_SD_ROW(Level, minimum, U64),      TQ_SD_ROW(Level, maximum, U64),
-    TQ_SD_ROW(Level, minimum_rate, U64), TQ_SD_ROW(Level, maximum_rate, U64),
-    TQ_SD_ROW(Level, comment, Text),     TQ_SD_ROW(Level, trigger, Text),
-    TQ_SD_ROW(Level, name, Text)};
+    TQ_ROW(Level, oid_a, U32),        TQ_ROW(Level, oid_b, U32),
+    TQ_ROW(Level, minimum, U64),      TQ_ROW(Level, maximum, U64),
+    TQ_ROW(Level, minimum_rate, U64), TQ_ROW(Level, maximum_rate, U64),
+    TQ_ROW(Level, comment, Text),     TQ_ROW(Level, trigger, Text),
+    TQ_ROW(Level, name, Text)};
 
 using Zone = tqdb_api_sysdiag_zone_t;
-constexpr Field kZone[] = {TQ_SD_ROW(Zone, oid, U32), TQ_SD_ROW(Zone, name, Text),
-                           TQ_SD_ROW(Zone, systemid, U32), TQ_SD_ROW(Zone, flags, U32)};
+constexpr Field kZone[] = {TQ_ROW(Zone, oid, U32), TQ_ROW(Zone, name, Text),
+                           TQ_ROW(Zone, systemid, U32), TQ_ROW(Zone, flags, U32)};
 
 using ValueDef = tqdb_api_sysdiag_zone_valuedef_t;
-constexpr Field kValueDef[] = {TQ_SD_ROW(ValueDef, id, U32), TQ_SD_ROW(ValueDef, name, Text),
-                               TQ_SD_ROW(ValueDef, type, U32), TQ_SD_ROW(ValueDef, flags, U32)};
+constexpr Field kValueDef[] = {TQ_ROW(ValueDef, id, U32), TQ_ROW(ValueDef, name, Text),
+                               TQ_ROW(ValueDef, type, U32), TQ_ROW(ValueDef, flags, U32)};
 
 using ZoneValue = tqdb_api_sysdiag_zone_value_t;
 constexpr Field kZoneValue[] = {
-    TQ_SD_ROW(ZoneValue, range, U32),      TQ_SD_ROW(ZoneValue, level, U32),
-    TQ_SD_ROW(ZoneValue, id, U32),         TQ_SD_ROW(ZoneValue, systemid, U32),
-    TQ_SD_ROW(ZoneValue, value, U64),      TQ_SD_ROW(ZoneValue, rate, U64),
-    TQ_SD_ROW(ZoneValue, min, U64),        TQ_SD_ROW(ZoneValue, max, U64),
-    TQ_SD_ROW(ZoneValue, min_tstamp, U64), TQ_SD_ROW(ZoneValue, max_tstamp, U64),
-    TQ_SD_ROW(ZoneValue, alert_flags, U32)};
+    TQ_ROW(ZoneValue, range, U32),      TQ_ROW(ZoneValue, level, U32),
+    TQ_ROW(ZoneValue, id, U32),         TQ_ROW(ZoneValue, systemid, U32),
+    TQ_ROW(ZoneValue, value, U64),      TQ_ROW(ZoneValue, rate, U64),
+    TQ_ROW(ZoneValue, min, U64),        TQ_ROW(ZoneValue, max, U64),
+    TQ_ROW(ZoneValue, min_tstamp, U64), TQ_ROW(ZoneValue, max_tstamp, U64),
+    TQ_ROW(ZoneValue, alert_flags, U32)};
 
 using Log = tqdb_api_sysdiag_log_entry_t;
-constexpr Field kLog[] = {TQ_SD_ROW(Log, id, U32),     TQ_SD_ROW(Log, system, Text),
-                          TQ_SD_ROW(Log, systemid, U32), TQ_SD_ROW(Log, tstamp, U64),
-                          TQ_SD_ROW(Log, is_new, U8),  TQ_SD_ROW(Log, severity, U32),
-                          TQ_SD_ROW(Log, title, Text), TQ_SD_ROW(Log, body, Text)};
+constexpr Field kLog[] = {TQ_ROW(Log, id, U32),     TQ_ROW(Log, system, Text),
+                          TQ_ROW(Log, systemid, U32), TQ_ROW(Log, tstamp, U64),
+                          TQ_ROW(Log, is_new, U8),  TQ_ROW(Log, severity, U32),
+                          TQ_ROW(Log, title, Text), TQ_ROW(Log, body, Text)};
 
 using MallocEntry = tqdb_api_sysdiag_malloc_usage_entry_t;
-constexpr Field kMallocEntry[] = {TQ_SD_ROW(MallocEntry, systemname, Text),
-                                  TQ_SD_ROW(MallocEntry, zonename, Text)};
+constexpr Field kMallocEntry[] = {TQ_ROW(MallocEntry, systemname, Text),
+                                  TQ_ROW(MallocEntry, zonename, Text)};
 
 using Usage = tq_malloc_usage_t;
-constexpr Field kUsage[] = {TQ_SD_ROW(Usage, label, Text),      TQ_SD_ROW(Usage, bytes, U64),
-                            TQ_SD_ROW(Usage, allocations, U32), TQ_SD_ROW(Usage, entries, U32),
-                            TQ_SD_ROW(Usage, leak_bytes, U64),  TQ_SD_ROW(Usage, leak_count, U32)};
+constexpr Field kUsage[] = {TQ_ROW(Usage, label, Text),      TQ_ROW(Usage, bytes, U64),
+                            TQ_ROW(Usage, allocations, U32), TQ_ROW(Usage, entries, U32),
+                            TQ_ROW(Usage, leak_bytes, U64),  TQ_ROW(Usage, leak_count, U32)};
 
 using Enum = tq_sysdiag_enum_value_t;
-constexpr Field kEnum[] = {TQ_SD_ROW(Enum, value, U32), TQ_SD_ROW(Enum, name, Text)};
+constexpr Field kEnum[] = {TQ_ROW(Enum, value, U32), TQ_ROW(Enum, name, Text)};
 
-#undef TQ_SD_ROW
 
-constexpr size_t width(W w) {
-  switch (w) {
-    case W::U8: return 1;
-    case W::U32: return 4;
-    case W::U64: return 8;
-    case W::Text: return 0;
-  }
-  return 0;
-}
-// Every row lies in its record at the width its wire form needs.
-template <size_t N>
-constexpr bool fits(size_t record, const Field (&rows)[N]) {
-  for (const Field &f : rows) {
-    const size_t want = width(f.wire);
-    if (want != 0 ? f.size != want : f.size < 2) return false;
-    if (size_t{f.offset} + f.size > record) return false;
-  }
-  return true;
-}
-static_assert(fits(sizeof(Level), kLevel) && fits(sizeof(Zone), kZone) &&
-              fits(sizeof(ValueDef), kValueDef) && fits(sizeof(ZoneValue), kZoneValue) &&
-              fits(sizeof(Log), kLog) && fits(sizeof(MallocEntry), kMallocEntry) &&
-              fits(sizeof(Usage), kUsage) && fits(sizeof(Enum), kEnum));
+static_assert(tq::rows_fit(sizeof(Level), kLevel) && tq::rows_fit(sizeof(Zone), kZone) &&
+              tq::rows_fit(sizeof(ValueDef), kValueDef) &&
+              tq::rows_fit(sizeof(ZoneValue), kZoneValue) && tq::rows_fit(sizeof(Log), kLog) &&
+              tq::rows_fit(sizeof(MallocEntry), kMallocEntry) &&
+              tq::rows_fit(sizeof(Usage), kUsage) && tq::rows_fit(sizeof(Enum), kEnum));
 
-// Reads the rows' fields into rec; false at the first field the body cannot
-// give (what follows it is then left zero).
-bool read_fields(tq_msg_t *m, std::span<const Field> rows, void *rec) {
-  auto *base = static_cast<unsigned char *>(rec);
-  for (const Field &f : rows) {
-    unsigned char *p = base + f.offset;
-    bool ok = false;
-    switch (f.wire) {
-      case W::U8:
-        ok = tq_msg_get_uint8(m, p);
-        break;
-      case W::U32: {
-        uint32_t v = 0;
-        ok = tq_msg_get_uint32(m, &v);
-        std::memcpy(p, &v, sizeof v);
-        break;
-      }
-      case W::U64: {
-        uint64_t v = 0;
-        ok = tq_msg_get_uint64(m, &v);
-        std::memcpy(p, &v, sizeof v);
-        break;
-      }
-      case W::Text:
-        ok = tq_msg_get_string_len(m, reinterpret_cast<char *>(p), f.size);
-        if (!ok) *p = '\0';
-        break;
-    }
-    if (!ok) return false;
-  }
-  return true;
-}
+constexpr tqdb_api_item_layout_t kLevelLayout{"tqdb_api_sysdiag_level_t", sizeof(Level), kLevel};
+constexpr tqdb_api_item_layout_t kZoneValueLayout{"tqdb_api_sysdiag_zone_value_t",
+                                                  sizeof(ZoneValue), kZoneValue};
+constexpr tqdb_api_item_layout_t kLogLayout{"tqdb_api_sysdiag_log_entry_t", sizeof(Log), kLog};
+constexpr tqdb_api_item_layout_t kMallocEntryLayout{"tqdb_api_sysdiag_malloc_usage_entry_t",
+                                                    sizeof(MallocEntry), kMallocEntry};
+constexpr tqdb_api_item_layout_t kUsageLayout{"tq_malloc_usage_t", sizeof(Usage), kUsage};
+constexpr tqdb_api_item_layout_t kEnumLayout{"tq_sysdiag_enum_value_t", sizeof(Enum), kEnum};
 
 // The least a zone value description takes on the wire: three u32 and an
 // empty string's count.
 constexpr uint32_t kValueDefMin = 16;
 
 // One zone with its value descriptions in one block; nullptr when cut short.
-void *read_zone(tq_msg_t *m) {
+void *read_zone(tq::ReplyReader &r) {
   Zone head{};
-  uint32_t n = 0;
-  if (!read_fields(m, kZone, &head) || !tq_msg_get_uint32(m, &n)) return nullptr;
+  tq::read_rows(r, kZone, &head);
+  const uint32_t n = r.u32();
+  if (!r.ok()) return nullptr;
   // A count the body cannot hold is a reply cut short, not an allocation.
-  if (n > tq_msg_avail_bytes(m) / kValueDefMin) return nullptr;
+  if (n > r.left() / kValueDefMin) {
+    r.fail();
+    return nullptr;
+  }
   auto *z = static_cast<Zone *>(
       tq_zalloc("tqdb_api_sysdiag_zone_t", sizeof(Zone) + size_t{n} * sizeof(ValueDef)));
   *z = head;
   z->n = n;
   z->values = n != 0 ? reinterpret_cast<ValueDef *>(z + 1) : nullptr;
-  for (uint32_t i = 0; i < n; ++i) {
-    if (!read_fields(m, kValueDef, &z->values[i])) {
-      tq_free_flags(z);
-      return nullptr;
-    }
-  }
-  return z;
+  for (uint32_t i = 0; i < n && r.ok(); ++i) tq::read_rows(r, kValueDef, &z->values[i]);
+  if (r.ok()) return z;
+  tq_free_flags(z);
+  return nullptr;
 }
 
-// Records one after the other while the body lasts, appended to list in
-// reply order. A record cut short is released and ends the reply; it is
-// reported once when report is set.
-template <class ReadOne>
-tq_list_t *read_records(tqdb_api_msg_t *env, tq_list_t *list, const char *decoder,
-                        ReadOne read_one, bool report = true) {
+// Zones one after the other while the body lasts, appended to list in reply
+// order; a zone cut short is released, ends the reply and is reported once.
+tq_list_t *read_zones(tqdb_api_msg_t *env, tq_list_t *list, const char *decoder) {
   if (tqdb_api_msg_get_type(env) != TQDB_API_MSG_TYPE_DATA) return list;
-  tq_msg_t *m = env->msg;
+  tq::ReplyReader r(env, decoder);
   tq_list_t *fresh = nullptr;  // newest first
-  while (tq_msg_avail_bytes(m) > 0) {
-    void *rec = read_one(m);
-    if (rec == nullptr) {
-      if (report) tqdb_api_msg_corrupt(env, decoder, "api/sysdiag.cc", __LINE__);
-      break;
-    }
-    tq_list_t *node = tq_list_new(0, fresh, rec);
-    if (node == nullptr) {
-      tq_free_flags(rec);
-      break;
-    }
-    fresh = node;
+  while (r.ok() && r.left() > 0) {
+    void *z = read_zone(r);
+    if (z == nullptr || !tq::push_front(fresh, z)) break;
   }
   return tq_list_concat(list, tq_list_reverse(fresh));
 }
 
-// A reader of flat records of one layout.
-auto flat(const tqdb_api_sysdiag_layout_t &lay) {
-  return [&lay](tq_msg_t *m) -> void * {
-    void *rec = tq_zalloc(lay.label, lay.size);
-    if (read_fields(m, lay.fields, rec)) return rec;
-    tq_free_flags(rec);
-    return nullptr;
-  };
+// Flat records while the body lasts, in reply order behind list; a record
+// cut short ends the reply and is reported once.
+tq_list_t *read_flat(tqdb_api_msg_t *env, tq_list_t *list, const char *decoder,
+                     const tqdb_api_item_layout_t &layout) {
+  if (tqdb_api_msg_get_type(env) != TQDB_API_MSG_TYPE_DATA) return list;
+  tq::ReplyReader r(env, decoder);
+  return tq::read_records(r, layout, list, 1);
 }
 
 }  // namespace
-
-const tqdb_api_sysdiag_layout_t tqdb_api_sysdiag_level_layout{"tqdb_api_sysdiag_level_t",
-                                                              sizeof(Level), kLevel};
-const tqdb_api_sysdiag_layout_t tqdb_api_sysdiag_zone_layout{"tqdb_api_sysdiag_zone_t",
-                                                             sizeof(Zone), kZone};
-const tqdb_api_sysdiag_layout_t tqdb_api_sysdiag_zone_valuedef_layout{
-    "tqdb_api_sysdiag_zone_t", sizeof(ValueDef), kValueDef};
-const tqdb_api_sysdiag_layout_t tqdb_api_sysdiag_zone_value_layout{
-    "tqdb_api_sysdiag_zone_value_t", sizeof(ZoneValue), kZoneValue};
-const tqdb_api_sysdiag_layout_t tqdb_api_sysdiag_log_entry_layout{
-    "tqdb_api_sysdiag_log_entry_t", sizeof(Log), kLog};
-const tqdb_api_sysdiag_layout_t tqdb_api_sysdiag_malloc_usage_entry_layout{
-    "tqdb_api_sysdiag_malloc_usage_entry_t", sizeof(MallocEntry), kMallocEntry};
-const tqdb_api_sysdiag_layout_t tq_malloc_usage_layout{"tq_malloc_usage_t", sizeof(Usage), kUsage};
-const tqdb_api_sysdiag_layout_t tq_sysdiag_enum_value_layout{"tq_sysdiag_enum_value_t",
-                                                             sizeof(Enum), kEnum};
 
 // --- requests -----------------------------------------------------------------------------
 
@@ -308,37 +234,33 @@ uint32_t tqdb_api_sysdiag_zone_get_enum_values(tqdb_api_handle_t *h, uint32_t se
 // The level list stops at the first record the body cannot give and keeps
 // the ones before it; it reports nothing.
 tq_list_t *tqdb_api_sysdiag_level_list_handle(tqdb_api_msg_t *env, tq_list_t *list) {
-  return read_records(env, list, "tqdb_api_sysdiag_level_list_handle",
-                      flat(tqdb_api_sysdiag_level_layout), false);
+  if (tqdb_api_msg_get_type(env) != TQDB_API_MSG_TYPE_DATA) return list;
+  auto r = tq::ReplyReader::quiet(env);
+  return tq::read_records(r, kLevelLayout, list, 1);
 }
 tq_list_t *tqdb_api_sysdiag_malloc_usage_list_handle(tqdb_api_msg_t *env, tq_list_t *list) {
-  return read_records(env, list, "tqdb_api_sysdiag_malloc_usage_list_handle",
-                      flat(tqdb_api_sysdiag_malloc_usage_entry_layout));
+  return read_flat(env, list, "tqdb_api_sysdiag_malloc_usage_list_handle", kMallocEntryLayout);
 }
 tq_list_t *tqdb_api_sysdiag_malloc_usage_get_handle(tqdb_api_msg_t *env, tq_list_t *list) {
-  return read_records(env, list, "tqdb_api_sysdiag_malloc_usage_get_handle",
-                      flat(tq_malloc_usage_layout));
+  return read_flat(env, list, "tqdb_api_sysdiag_malloc_usage_get_handle", kUsageLayout);
 }
 tq_list_t *tqdb_api_sysdiag_zone_list_handle(tqdb_api_msg_t *env, tq_list_t *list) {
-  return read_records(env, list, "tqdb_api_sysdiag_zone_list_handle", read_zone);
+  return read_zones(env, list, "tqdb_api_sysdiag_zone_list_handle");
 }
 tq_list_t *tqdb_api_sysdiag_zone_get_handle(tqdb_api_msg_t *env, tq_list_t *list) {
-  return read_records(env, list, "tqdb_api_sysdiag_zone_get_handle", read_zone);
+  return read_zones(env, list, "tqdb_api_sysdiag_zone_get_handle");
 }
 tq_list_t *tqdb_api_sysdiag_zone_alerted_zones_handle(tqdb_api_msg_t *env, tq_list_t *list) {
-  return read_records(env, list, "tqdb_api_sysdiag_zone_alerted_zones_handle", read_zone);
+  return read_zones(env, list, "tqdb_api_sysdiag_zone_alerted_zones_handle");
 }
 tq_list_t *tqdb_api_sysdiag_zone_value_get_handle(tqdb_api_msg_t *env, tq_list_t *list) {
-  return read_records(env, list, "tqdb_api_sysdiag_zone_value_get_handle",
-                      flat(tqdb_api_sysdiag_zone_value_layout));
+  return read_flat(env, list, "tqdb_api_sysdiag_zone_value_get_handle", kZoneValueLayout);
 }
 tq_list_t *tqdb_api_sysdiag_log_list_handle(tqdb_api_msg_t *env, tq_list_t *list) {
-  return read_records(env, list, "tqdb_api_sysdiag_log_list_handle",
-                      flat(tqdb_api_sysdiag_log_entry_layout));
+  return read_flat(env, list, "tqdb_api_sysdiag_log_list_handle", kLogLayout);
 }
 tq_list_t *tqdb_api_sysdiag_zone_get_enum_values_handle(tqdb_api_msg_t *env, tq_list_t *list) {
-  return read_records(env, list, "tqdb_api_sysdiag_zone_get_enum_values_handle",
-                      flat(tq_sysdiag_enum_value_layout));
+  return read_flat(env, list, "tqdb_api_sysdiag_zone_get_enum_values_handle", kEnumLayout);
 }
 
 bool tqdb_api_sysdiag_zone_version_handle(tqdb_api_msg_t *env, uint32_t *version) {

@@ -16,6 +16,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <span>
 
 #include "tq_commitid.h"
 
@@ -272,5 +273,28 @@ struct tqdb_api_resource_entry_t {
   uint8_t e;
 };
 bool tqdb_api_resource_entry_get(tq_msg_t *msg, tqdb_api_resource_entry_t *out);
+
+// --- flat records as rows (api/ruleset_rows.h reads and writes them) -------------------
+// How one field of a record travels. The record keeps the wire width,
+// except U8AsU32: a u8 on the wire held in a uint32_t (the items' `type`).
+enum class tqdb_api_wire : uint8_t { U8, U8AsU32, U16, U32, U64, Text };
+
+// One field of a flat record: its dictionary key, wire form, place and size
+// in the record (for Text the char array's size, maximum + 1).
+struct tqdb_api_item_field_t {
+  const char *key;
+  tqdb_api_wire wire;
+  uint16_t offset;
+  uint16_t size;
+};
+
+// The layout of a flat record (an object type's items, a user, a level...):
+// the record's label and size and its fields in wire order. The reader, the
+// writer and the scripting conversions all walk this one table.
+struct tqdb_api_item_layout_t {
+  const char *label;  // "tqdb_api_netobject_item_t"
+  size_t size;
+  std::span<const tqdb_api_item_field_t> fields;
+};
 
 #endif

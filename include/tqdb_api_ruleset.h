@@ -149,27 +149,6 @@ struct tqdb_api_object_item_t {
   tqdb_api_audit_t audit;
 };
 
-// How one field of a record travels. The record keeps the wire width,
-// except U8AsU32: a u8 on the wire held in a uint32_t (the items' `type`).
-enum class tqdb_api_wire : uint8_t { U8, U8AsU32, U16, U32, U64, Text };
-
-// One type-specific field: its dictionary key, wire form, place and size in
-// the record (for Text the char array's size, maximum + 1).
-struct tqdb_api_item_field_t {
-  const char *key;
-  tqdb_api_wire wire;
-  uint16_t offset;
-  uint16_t size;
-};
-
-// The layout of one object type's items: the record's label and size and its
-// type-specific fields in wire order. The reader, the writer and the
-// scripting conversions all walk this one table.
-struct tqdb_api_item_layout_t {
-  const char *label;  // "tqdb_api_netobject_item_t"
-  size_t size;
-  std::span<const tqdb_api_item_field_t> fields;
-};
 // nullptr for a type outside 0..18.
 const tqdb_api_item_layout_t *tqdb_api_object_item_layout(uint32_t type);
 

@@ -147,30 +147,6 @@ struct tq_sysdiag_enum_value_t {
   char name[64];
 };
 
-// --- record layouts ---------------------------------------------------------------------
-// A record's wire fields as rows: the decoders walk them, the tests and the
-// scripting layer read the same table.
-enum class tqdb_api_sysdiag_wire : uint8_t { U8, U32, U64, Text };
-struct tqdb_api_sysdiag_field_t {
-  const char *key;
-  tqdb_api_sysdiag_wire wire;
-  uint16_t offset;
-  uint16_t size;
-};
-struct tqdb_api_sysdiag_layout_t {
-  const char *label;  // "tqdb_api_sysdiag_level_t"
-  size_t size;
-  std::span<const tqdb_api_sysdiag_field_t> fields;
-};
-extern const tqdb_api_sysdiag_layout_t tqdb_api_sysdiag_level_layout;
-extern const tqdb_api_sysdiag_layout_t tqdb_api_sysdiag_zone_layout;  // the fixed part
-extern const tqdb_api_sysdiag_layout_t tqdb_api_sysdiag_zone_valuedef_layout;
-extern const tqdb_api_sysdiag_layout_t tqdb_api_sysdiag_zone_value_layout;
-extern const tqdb_api_sysdiag_layout_t tqdb_api_sysdiag_log_entry_layout;
-extern const tqdb_api_sysdiag_layout_t tqdb_api_sysdiag_malloc_usage_entry_layout;
-extern const tqdb_api_sysdiag_layout_t tq_malloc_usage_layout;
-extern const tqdb_api_sysdiag_layout_t tq_sysdiag_enum_value_layout;
-
 // --- requests (correlation id, or 0) ----------------------------------------------------
 uint32_t tqdb_api_sysdiag_level_list(tqdb_api_handle_t *h, uint32_t session);
 uint32_t tqdb_api_sysdiag_level_update(tqdb_api_handle_t *h, uint32_t session, uint32_t oid_a,
