@@ -13,6 +13,8 @@
 #include <utility>
 
 #include "tq_malloc.h"
+#include "tqdb_api_channel.h"
+#include "tqdb_api_system_overview.h"
 
 namespace tqpy {
 
@@ -263,6 +265,10 @@ OwnedRef record_to_dict(std::span<const Field> fields, const void *record) {
   return dict;
 }
 
+// connlog.cc: TQConnlogList holds the one result record of a search.
+OwnedRef convert_connlog(const ListClass &cls, const tq_list_t *list);
+void release_connlog(tq_list_t *list);
+
 namespace {
 
 // --- field tables
@@ -342,19 +348,28 @@ std::array<ListClass, 44> g_classes = {
     record_list(ListId::TQStatisticsList, "TQStatisticsList", g_statisticsrule_fields,
                 tqdb_api_statisticsrule_list_free),
     stat_record_list(ListId::TQGraphList, "TQGraphList"),
-    record_list(ListId::TQConnlogList, "TQConnlogList", g_connlog_fields),
+    ListClass{.id = ListId::TQConnlogList,
+              .name = "TQConnlogList",
+              .doc = "A decoded connection log search; convert(unused) gives one dict: "
+                     "entries, metadata, matches, warnings and error.",
+              .convert_node = convert_abstract,
+              .release = release_connlog,
+              .fields = {},
+              .convert_all = convert_connlog},
     record_list(ListId::TQServicesList, "TQServicesList", g_services_fields),
     record_list(ListId::TQConfigList, "TQConfigList", g_config_fields),
     record_list(ListId::TQConfigCategoryList, "TQConfigCategoryList", g_config_category_fields),
     record_list(ListId::TQConfigFlagList, "TQConfigFlagList", g_config_flag_fields),
     record_list(ListId::TQBackupList, "TQBackupList", g_backup_fields),
     record_list(ListId::TQConnprotTriggerList, "TQConnprotTriggerList", g_connprot_trigger_fields),
-    record_list(ListId::TQSystemOverviewSystemList, "TQSystemOverviewSystemList", g_system_overview_system_fields),
+    record_list(ListId::TQSystemOverviewSystemList, "TQSystemOverviewSystemList",
+                g_system_overview_system_fields, tqdb_api_system_overview_list_free),
     record_list(ListId::TQSystemOverviewTemplateList, "TQSystemOverviewTemplateList", g_system_overview_template_fields),
     record_list(ListId::TQSystemOverviewSystemGraph, "TQSystemOverviewSystemGraph", g_system_overview_graph_fields),
     record_list(ListId::TQLogFacilityList, "TQLogFacilityList", g_log_facility_fields),
     record_list(ListId::TQChannelList, "TQChannelList", g_channel_fields),
-    record_list(ListId::TQChannelLabelList, "TQChannelLabelList", g_channel_label_fields),
+    record_list(ListId::TQChannelLabelList, "TQChannelLabelList", g_channel_label_fields,
+                tqdb_api_channel_label_list_free),
     stat_record_list(ListId::TQStatreaderList, "TQStatreaderList"),
     record_list(ListId::TQSubscribercountList, "TQSubscribercountList", g_statreader_node_fields),
     stat_record_list(ListId::TQSubscribercountGraph, "TQSubscribercountGraph"),

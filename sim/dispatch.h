@@ -90,6 +90,16 @@ class Hub {
   virtual void run_query(std::unique_ptr<QueryRun> q) = 0;
   // The file areas and backups, and the uploads in progress into them.
   virtual Areas &areas() = 0;
+  // The address a connection comes from ("192.0.2.7"), without the port;
+  // empty for one that is gone.
+  virtual std::string peer_host(uint32_t conn) const = 0;
+  // Every connection gets the restarting notice (type 9) with reason; then
+  // each is closed once its notice is out, which rolls back what it had not
+  // committed. The listener stays, so clients reconnect to the same port.
+  virtual void restart(std::string_view reason) = 0;
+  // Every connection gets the reloading notice (type 10) with reason; all
+  // goes on.
+  virtual void reload(std::string_view reason) = 0;
 };
 
 // One request being handled.

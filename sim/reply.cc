@@ -65,6 +65,18 @@ Msg notice_detached(uint32_t session, std::string_view text) {
   return m;
 }
 
+Msg notice_restarting(std::string_view reason) {
+  Msg m(tq_msg_new(TQDB_REPLY_RESTARTING));
+  if (m) put_text(m.get(), reason);
+  return m;
+}
+
+Msg notice_reloading(std::string_view reason) {
+  Msg m(tq_msg_new(TQDB_REPLY_RELOADING));
+  if (m) put_text(m.get(), reason);
+  return m;
+}
+
 Msg announce_version(uint32_t word, std::string_view product, std::string_view version) {
   Msg m(tq_msg_new(TQDB_REPLY_VERSION));
   if (m) {

@@ -11,6 +11,8 @@
 //   BCAST_COMMIT  0x20002  session (the receiver's), commit id
 //   DETACHED      0x20012  session, text
 //   VERSION       0x20007  u32 version word, string, string
+//   RESTARTING    0x20009  reason (no header words)
+//   RELOADING     0x20010  reason (no header words)
 //   AUTH          0x20001  u8 accepted, then (when accepted) u64 x3, u32
 //
 // A builder returns null only when the message pool refuses.
@@ -42,6 +44,8 @@ Msg reply_error(uint32_t session, uint32_t cid, std::string_view text);
 Msg reply_lock(uint32_t session, uint32_t cid, std::string_view text);
 Msg notice_commit(uint32_t session, const tq_commitid_t &id);
 Msg notice_detached(uint32_t session, std::string_view text);
+Msg notice_restarting(std::string_view reason);
+Msg notice_reloading(std::string_view reason);
 Msg announce_version(uint32_t word, std::string_view product, std::string_view version);
 
 struct AuthGrant {

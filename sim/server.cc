@@ -27,6 +27,8 @@ constexpr auto kAcceptBackoff = 100ms;
 constexpr int kPollTimeoutMs = 500;
 // Rows a running query may produce per round of the loop.
 constexpr std::size_t kQuerySlice = 256;
+// How long a restart waits for a client to take its notice.
+constexpr auto kRestartLinger = 2s;
 
 std::string peer_text(const sockaddr_storage &ss) {
   char host[INET6_ADDRSTRLEN] = "?";
@@ -61,6 +63,13 @@ Server::~Server() {
 }
 
 uint64_t Server::now() const { return static_cast<uint64_t>(std::time(nullptr)); }
+
+std::string Server::peer_host(uint32_t conn) const {
+  auto it = conns_.find(conn);
+  if (it == conns_.end()) return {};
+  const std::string &peer = it->second->peer();  // "host:port"
+  return peer.substr(0, peer.rfind(':'));
+}
 
 void Server::log(const char *fmt, ...) const {
   if (!opts_.verbose) return;
@@ -172,6 +181,14 @@ bool Server::run(int stop_fd) {
           break;
       }
     }
+    std::erase_if(closing_, [&](const auto &entry) {
+      auto it = conns_.find(entry.first);
+      if (it == conns_.end()) return true;
+      if (it->second->doomed) return true;
+      if (it->second->wants_write() && later < entry.second) return false;
+      doom(*it->second, "appliance restart");
+      return true;
+    });
     reap();
   }
 }
@@ -247,6 +264,7 @@ void Server::service(Conn &c, short revents) {
 
 void Server::serve_frames(Conn &c) {
   for (;;) {
+    if (closing_.contains(c.id())) return;  // restarting: requests go unanswered
     bool broken = false;
     Msg m = c.next_frame(broken);
     if (broken) return doom(c, "broken frame: the stream cannot be decrypted");
@@ -284,6 +302,27 @@ void Server::handle(Conn &c, tq_msg_t &m) {
       break;
   }
   route->handler(call);
+}
+
+void Server::restart(std::string_view reason) {
+  log("restart: %.*s", static_cast<int>(reason.size()), reason.data());
+  const auto deadline = Conn::Clock::now() + kRestartLinger;
+  for (auto &[id, c] : conns_) {
+    if (c->doomed) continue;
+    if (c->phase() == Conn::Phase::kHandshake) {
+      doom(*c, "appliance restart");
+      continue;
+    }
+    send_to_conn(id, notice_restarting(reason));
+    closing_.emplace(id, deadline);
+  }
+}
+
+void Server::reload(std::string_view reason) {
+  log("reload: %.*s", static_cast<int>(reason.size()), reason.data());
+  for (auto &[id, c] : conns_)
+    if (c->phase() == Conn::Phase::kOpen && !closing_.contains(id))
+      send_to_conn(id, notice_reloading(reason));
 }
 
 void Server::run_query(std::unique_ptr<QueryRun> q) { queries_.push_back(std::move(q)); }

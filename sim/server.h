@@ -47,6 +47,9 @@ class Server final : public Hub {
   StatsStore &stats() override { return stats_; }
   void run_query(std::unique_ptr<QueryRun> q) override;
   Areas &areas() override { return areas_; }
+  std::string peer_host(uint32_t conn) const override;
+  void restart(std::string_view reason) override;
+  void reload(std::string_view reason) override;
 
  private:
   void accept_all();
@@ -70,6 +73,9 @@ class Server final : public Hub {
   std::map<uint32_t, std::unique_ptr<Conn>> conns_;
   uint32_t next_conn_ = 1;
   Conn::Clock::time_point accept_paused_until_{};
+  // Connections told of a restart: they serve no more requests and are
+  // closed once the notice has left, or at the deadline.
+  std::map<uint32_t, Conn::Clock::time_point> closing_;
 };
 
 }  // namespace tqsim
