@@ -16,7 +16,10 @@
 #include "py_entry.h"
 #include "vindel_object.h"
 
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
+#include <sys/socket.h>
 
 #include <cerrno>
 #include <chrono>
@@ -109,6 +112,11 @@ OwnedRef vindel_new(PyTypeObject *type, PyObject *args, PyObject *kwds) {
   }
 
   const int fd = socket_fileno(sock);
+  // Frames are written in pieces; with Nagle's algorithm on, the last piece
+  // of each message would wait for the peer's delayed acknowledgement. A
+  // socket that is not TCP (a socket pair) has no such option: ignored.
+  const int one = 1;
+  (void)setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
   auto blocking_args = OwnedRef::check(Py_BuildValue("(O)", Py_False));
   (void)OwnedRef::check(compat::call_method(sock, "setblocking", blocking_args.get()));
   OwnedRef keyref = key ? OwnedRef::incref(key) : (responder ? OwnedRef() : new_key());

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Starts tqdbsim on a free port and runs the quick start, then the ruleset
-# example and the statistics report, against it.
+# example, the statistics report and the administration example, against it.
 # Called by `make demo` after the build; TQ_BUILD_DIR picks another build dir.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -65,5 +65,9 @@ fi
 if [ "$status" -eq 0 ]; then
   echo
   PYTHONPATH="$build/python$ver" "$python" examples/stats_report.py 127.0.0.1 "$port" || status=$?
+fi
+if [ "$status" -eq 0 ]; then
+  echo
+  PYTHONPATH="$build/python$ver" "$python" examples/admin.py 127.0.0.1 "$port" || status=$?
 fi
 exit "$status"
