@@ -23,7 +23,7 @@ import sys
 import time
 
 import TQDBv17_1 as tq
-from quickstart import Connection
+from quickstart import Refused, Script, open_session
 
 AREA = tq.FILESERV_ID_HOSTTRIGGER  # writable and downloadable
 FILE_NAME = 'admin-example.bin'
@@ -34,39 +34,6 @@ FILE_SIZE = 300 * 1024
 WINDOW = 8  # upload data messages sent ahead of their answers
 SEVERITIES = {tq.SYSDIAG_LOG_SEVERITY_INFO: 'info', tq.SYSDIAG_LOG_SEVERITY_WARNING: 'warning',
               tq.SYSDIAG_LOG_SEVERITY_CRITICAL: 'critical'}
-
-
-class Refused(RuntimeError):
-    pass
-
-
-class Admin(object):
-    """One session's requests, each waited for and its reply type checked."""
-
-    def __init__(self, conn, session):
-        self.conn, self.s = conn, session
-
-    def ask(self, cid, what, types=(tq.MSG_TYPE_DATA, tq.MSG_TYPE_OK)):
-        msg = self.conn.call(cid, what)
-        if msg.get_type() not in types:
-            raise Refused('%s: refused (type %d): %s' % (what, msg.get_type(), msg.get_error()))
-        return msg
-
-    def answer(self, cid, what):
-        """Every DATA message of an answer, up to the OK that ends it."""
-        msgs = []
-        msg = self.ask(cid, what)
-        while msg.get_type() == tq.MSG_TYPE_DATA:
-            msgs.append(msg)
-            msg = self.ask(cid, what)
-        return msgs
-
-    def listing(self, cid, decode, what):
-        """A list answer decoded into one list, converted."""
-        l = None
-        for msg in self.answer(cid, what):
-            l = decode(msg, l)
-        return l.convert(None) if l is not None else []
 
 
 # --- users ----------------------------------------------------------------------------
@@ -225,19 +192,9 @@ def diagnostic_log(adm):
 
 
 def main(argv):
-    if len(argv) not in (3, 5):
-        print(__doc__.strip(), file=sys.stderr)
+    adm = open_session(argv, __doc__)
+    if adm is None:
         return 2
-    host, port = argv[1], int(argv[2])
-    user, password = (argv[3], argv[4]) if len(argv) == 5 else ('admin', 'admin')
-
-    conn = Connection(host, port)
-    conn.wait_type(tq.MSG_TYPE_VERSION, 'version announcement')
-    conn.handle.auth(user, password)
-    if conn.handle.auth_handle(conn.wait_type(tq.MSG_TYPE_AUTH, 'login reply')) is None:
-        raise Refused('login refused for %s' % user)
-    adm = Admin(conn, conn.handle.session_new_handle(
-        conn.call(conn.handle.session_new(), 'new session')))
     add_user(adm)
     transfer_file(adm)
     backups(adm)

@@ -62,6 +62,63 @@ class Connection(object):
                          'reply to ' + what)
 
 
+class Refused(RuntimeError):
+    """The appliance refused a step of a script."""
+
+
+MSG_TYPES = dict((getattr(tq, n), n) for n in dir(tq) if n.startswith('MSG_TYPE_'))
+
+
+class Script(object):
+    """One session's requests for the examples: each sent, waited for and its
+    reply type checked, lists gathered over every DATA message up to the OK."""
+
+    def __init__(self, conn, session):
+        self.conn, self.s = conn, session
+
+    def ask(self, cid, what, types=(tq.MSG_TYPE_DATA, tq.MSG_TYPE_OK)):
+        msg = self.conn.call(cid, what)
+        if msg.get_type() not in types:
+            raise Refused('%s: the appliance answered %s%s' % (
+                what, MSG_TYPES.get(msg.get_type(), msg.get_type()),
+                ': ' + msg.get_error() if msg.get_error() else ''))
+        return msg
+
+    def answer(self, cid, what):
+        """Every DATA message of an answer, up to the OK that ends it."""
+        msgs = []
+        msg = self.ask(cid, what)
+        while msg.get_type() == tq.MSG_TYPE_DATA:
+            msgs.append(msg)
+            msg = self.ask(cid, what)
+        return msgs
+
+    def listing(self, cid, decode, what):
+        """A list answer decoded into one list, converted."""
+        l = None
+        for msg in self.answer(cid, what):
+            l = decode(msg, l)
+        return l.convert(None) if l is not None else []
+
+
+def open_session(argv, usage, script=Script):
+    """HOST PORT [USER PASSWORD] from argv: connects, checks the version
+    announcement, logs in and opens a session; a `script` over it, or None
+    after printing usage."""
+    if len(argv) not in (3, 5):
+        print(usage.strip(), file=sys.stderr)
+        return None
+    host, port = argv[1], int(argv[2])
+    user, password = (argv[3], argv[4]) if len(argv) == 5 else ('admin', 'admin')
+    conn = Connection(host, port)
+    conn.wait_type(tq.MSG_TYPE_VERSION, 'version announcement')
+    conn.handle.auth(user, password)
+    if conn.handle.auth_handle(conn.wait_type(tq.MSG_TYPE_AUTH, 'login reply')) is None:
+        raise Refused('login refused for %s' % user)
+    return script(conn, conn.handle.session_new_handle(
+        conn.call(conn.handle.session_new(), 'new session')))
+
+
 def expect(msg, msg_type, what):
     if msg.get_type() != msg_type:
         raise RuntimeError('%s: message type %d (%s)' % (what, msg.get_type(), msg.get_error()))

@@ -20,7 +20,7 @@ from __future__ import print_function
 import sys
 
 import TQDBv17_1 as tq
-from quickstart import Connection
+from quickstart import Refused, Script, open_session
 
 NET, PORT = tq.OBJECT_TYPE_NETOBJECT, tq.OBJECT_TYPE_PORTOBJECT
 AUDIT_KEYS = ('id', 'creator', 'creation_date', 'modified_by', 'modification_date')
@@ -31,30 +31,14 @@ def constant_names(prefix):
     return dict((getattr(tq, n), n[len(prefix):]) for n in dir(tq) if n.startswith(prefix))
 
 
-MSG_TYPES = constant_names('MSG_TYPE_')
 NET_ITEM_TYPES = constant_names('NETOBJECT_ITEM_TYPE_')
 CONDITION_TYPES = constant_names('RULESET_CONDITION_TYPE_')
 OPERATORS = constant_names('RULECONDITION_')
 ACTIONS = constant_names('FWRULE_ACTION_')
 
 
-class Refused(RuntimeError):
-    pass
-
-
-class Ruleset(object):
-    """One session's requests, each waited for and its reply type checked."""
-
-    def __init__(self, conn, session):
-        self.conn, self.s = conn, session
-
-    def ask(self, cid, what, msg_type=tq.MSG_TYPE_DATA):
-        msg = self.conn.call(cid, what)
-        if msg.get_type() != msg_type:
-            raise Refused('%s: the appliance answered %s%s' % (
-                what, MSG_TYPES.get(msg.get_type(), msg.get_type()),
-                ': ' + msg.get_error() if msg.get_error() else ''))
-        return msg
+class Ruleset(Script):
+    """A session's ruleset requests: adds that must give an id, objects with items."""
 
     def added(self, cid, decode, what):
         """The new id of an add request."""
@@ -71,17 +55,6 @@ class Ruleset(object):
             self.added(s.object_item_add(kind, oid, item), s.object_item_add_handle,
                        'object_item_add %r to %r' % (item.get('value1'), name))
         return oid
-
-    def listing(self, cid, decode, what):
-        """A list answer: DATA messages decoded into one list, up to the OK."""
-        l = None
-        while True:
-            msg = self.conn.call(cid, what)
-            if msg.get_type() == tq.MSG_TYPE_OK:
-                return l.convert(None) if l is not None else []
-            if msg.get_type() != tq.MSG_TYPE_DATA:
-                self.ask(cid, what)  # raises, naming the refusal
-            l = decode(msg, l)
 
 
 def net_item(item_type, value1, value2='', exclude=0):
@@ -228,19 +201,9 @@ def print_ruleset(net, ports, shapers, conditions, shaping_rules, fw_rules):
 
 
 def main(argv):
-    if len(argv) not in (3, 5):
-        print(__doc__.strip(), file=sys.stderr)
+    rs = open_session(argv, __doc__, Ruleset)
+    if rs is None:
         return 2
-    host, port = argv[1], int(argv[2])
-    user, password = (argv[3], argv[4]) if len(argv) == 5 else ('admin', 'admin')
-
-    conn = Connection(host, port)
-    conn.wait_type(tq.MSG_TYPE_VERSION, 'version announcement')
-    conn.handle.auth(user, password)
-    if conn.handle.auth_handle(conn.wait_type(tq.MSG_TYPE_AUTH, 'login reply')) is None:
-        raise Refused('login refused for %s' % user)
-    rs = Ruleset(conn, conn.handle.session_new_handle(
-        conn.call(conn.handle.session_new(), 'new session')))
     s = rs.s
 
     def everything():

@@ -16,36 +16,14 @@ import sys
 import time
 
 import TQDBv17_1 as tq
-from quickstart import Connection
+from quickstart import Refused, Script, open_session
 
 BYTES_TOTAL = tq.STATISTICS_TOTALFIELD_BYTES_TOTAL
 BAR_WIDTH = 40
 
 
-class Refused(RuntimeError):
-    pass
-
-
-class Stats(object):
-    """One session's statistics requests, each waited for and checked."""
-
-    def __init__(self, conn, session):
-        self.conn, self.s = conn, session
-
-    def ask(self, cid, what):
-        msg = self.conn.call(cid, what)
-        if msg.get_type() not in (tq.MSG_TYPE_DATA, tq.MSG_TYPE_OK):
-            raise Refused('%s: refused (type %d): %s' % (what, msg.get_type(), msg.get_error()))
-        return msg
-
-    def listing(self, cid, decode, what):
-        """A list answer: DATA messages decoded into one list, up to the OK."""
-        l = None
-        msg = self.ask(cid, what)
-        while msg.get_type() == tq.MSG_TYPE_DATA:
-            l = decode(msg, l)
-            msg = self.ask(cid, what)
-        return l.convert(None) if l is not None else []
+class Stats(Script):
+    """A session's statistics requests, with the query stream fed to callbacks."""
 
     def query(self, sql, callbacks):
         """Feeds every reply of the query's stream to the callbacks as it arrives."""
@@ -100,19 +78,9 @@ def bar_chart(points):
 
 
 def main(argv):
-    if len(argv) not in (3, 5):
-        print(__doc__.strip(), file=sys.stderr)
+    st = open_session(argv, __doc__, Stats)
+    if st is None:
         return 2
-    host, port = argv[1], int(argv[2])
-    user, password = (argv[3], argv[4]) if len(argv) == 5 else ('admin', 'admin')
-
-    conn = Connection(host, port)
-    conn.wait_type(tq.MSG_TYPE_VERSION, 'version announcement')
-    conn.handle.auth(user, password)
-    if conn.handle.auth_handle(conn.wait_type(tq.MSG_TYPE_AUTH, 'login reply')) is None:
-        raise Refused('login refused for %s' % user)
-    st = Stats(conn, conn.handle.session_new_handle(
-        conn.call(conn.handle.session_new(), 'new session')))
     s = st.s
 
     dates = s.stat_date_list_handle(st.ask(s.stat_date_list(), 'stat_date_list'))
