@@ -176,20 +176,8 @@ TEST(ChannelLinks, ToggleAgainstTheSimulator) {
   if (sim_binary().empty()) GTEST_SKIP() << "TQDBSIM is not set";
   SimProcess sim;
   ASSERT_TRUE(sim.start({"--channels", "4"}));
-  struct Client {
-    SimClient c;
-    uint32_t s = 0;
-    explicit Client(uint16_t port) {
-      EXPECT_TRUE(c.connect(port) && c.next() && tqdb_api_auth(c.h(), "admin", "admin") && c.next());
-      EnvPtr n = take(tqdb_api_session_new(c.h()));
-      s = n ? tqdb_api_session_new_handle(n.get()) : 0;
-    }
-    EnvPtr take(uint32_t cid) {
-      EnvPtr env = c.next();
-      while (env && env->type == TQDB_API_MSG_TYPE_BCAST_COMMIT) env = c.next();
-      EXPECT_TRUE(env && tqdb_api_msg_get_cid(env.get()) == cid);
-      return env;
-    }
+  struct Client : SimSession {
+    explicit Client(uint16_t port) { EXPECT_TRUE(open(port)); }
     std::vector<uint32_t> links() {  // channel * 100 + internal up * 10 + external up
       EnvPtr env = take(tqdb_api_channel_link_states(c.h(), s));
       tq_list_t *l = tqdb_api_channel_link_states_handle(env.get(), nullptr);

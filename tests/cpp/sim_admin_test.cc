@@ -29,35 +29,7 @@ enum : uint32_t {
   kDump = 0x19F04, kRestore = 0x19F05, kBChunks = 0x19F07, kBFinish = 0x19F08,
 };
 
-struct Client {
-  SimClient c;
-  uint32_t s = 0;
-  bool open(uint16_t port) {
-    if (!c.connect(port) || !c.next() || !tqdb_api_auth(c.h(), "admin", "admin")) return false;
-    EnvPtr a = c.next();
-    if (!a || tqdb_api_auth_handle(a.get(), nullptr) != 1) return false;
-    EnvPtr n = take(tqdb_api_session_new(c.h()));
-    return (s = n ? tqdb_api_session_new_handle(n.get()) : 0) != 0;
-  }
-  EnvPtr take(uint32_t cid) {
-    EnvPtr env = c.next();
-    while (env && env->type == TQDB_API_MSG_TYPE_BCAST_COMMIT) env = c.next();
-    EXPECT_TRUE(env && tqdb_api_msg_get_cid(env.get()) == cid) << "no answer to " << cid;
-    return env;
-  }
-  EnvPtr raw(uint32_t code, const Bytes &body) {
-    return take(tqdb_api_request(c.h(), code, s, [&](tq_msg_t *m) { tq_msg_put_data(m, body.data(), body.size()); }));
-  }
-  template <class... F>
-  EnvPtr ask(uint32_t code, F... fields) { return take(tqdb_api_send(c.h(), code, s, fields...)); }
-  // The DATA messages of a multi-message answer; the closing OK is checked.
-  std::vector<EnvPtr> many(uint32_t cid) {
-    std::vector<EnvPtr> out;
-    EnvPtr env = take(cid);
-    for (; env && env->type == kData; env = take(cid)) out.push_back(std::move(env));
-    EXPECT_TRUE(env && env->type == kOk);
-    return out;
-  }
+struct Client : SimSession {
   // Upload start, one data message per piece, finish; the first refusal.
   EnvPtr upload(const std::string &name, const std::vector<std::string> &pieces, bool backup = false) {
     EnvPtr env = backup ? ask(kBStart, name.c_str()) : ask(kStart, uint32_t{0}, name.c_str());

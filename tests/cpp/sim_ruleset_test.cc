@@ -23,26 +23,7 @@ using namespace tqtest;
 constexpr uint32_t kData = TQDB_API_MSG_TYPE_DATA, kOk = TQDB_API_MSG_TYPE_OK,
                    kErr = TQDB_API_MSG_TYPE_ERROR, kLock = TQDB_API_MSG_TYPE_LOCK;
 
-struct Client {
-  SimClient c;
-  uint32_t s = 0;
-  bool open(uint16_t port) {
-    if (!c.connect(port) || !c.next() || !tqdb_api_auth(c.h(), "admin", "admin")) return false;
-    EnvPtr a = c.next();
-    if (!a || tqdb_api_auth_handle(a.get(), nullptr) != 1) return false;
-    EnvPtr n = take(tqdb_api_session_new(c.h()));
-    return (s = n ? tqdb_api_session_new_handle(n.get()) : 0) != 0;
-  }
-  EnvPtr take(uint32_t cid) {
-    EnvPtr env = c.next();
-    while (env && env->type == TQDB_API_MSG_TYPE_BCAST_COMMIT) env = c.next();
-    EXPECT_TRUE(env && tqdb_api_msg_get_cid(env.get()) == cid) << "no answer to " << cid;
-    return env;
-  }
-  template <class... F>
-  EnvPtr ask(uint32_t code, F... fields) {
-    return take(tqdb_api_send(c.h(), code, s, fields...));
-  }
+struct Client : SimSession {
   // Every message of a list answer, the closing OK excluded.
   std::vector<EnvPtr> list(uint32_t code, uint8_t type = 0) {
     const uint32_t cid = code == TQDB_REQ_OBJECT_LIST

@@ -20,18 +20,10 @@ using Node = tqdb_api_statreader_list_node_t;
 constexpr uint16_t kNetObject = 513;
 constexpr uint64_t kIn = 1, kOut = 2, kTotal = 1024;  // BYTES_IN, BYTES_OUT, BYTES_TOTAL
 
-struct Sim {
+struct Sim : SimSession {
   SimProcess proc;
-  SimClient c;
-  uint32_t s = 0;
   explicit Sim(std::vector<std::string> args) {
-    if (sim_binary().empty() || !proc.start(args) || !c.connect(proc.port())) return;
-    EnvPtr v = c.next();
-    if (!v || !tqdb_api_auth(c.h(), "admin", "admin")) return;
-    EnvPtr a = c.next();
-    if (!a || tqdb_api_auth_handle(a.get(), nullptr) != 1 || !tqdb_api_session_new(c.h())) return;
-    EnvPtr sn = c.next();
-    s = sn ? tqdb_api_session_new_handle(sn.get()) : 0;
+    if (!sim_binary().empty() && proc.start(args)) static_cast<void>(open(proc.port()));
   }
   // A list answer: DATA messages into one list until OK.
   std::vector<Node> list(uint32_t cid, int *messages = nullptr) {

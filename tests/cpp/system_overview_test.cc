@@ -170,21 +170,7 @@ TEST(SystemOverviewSim, PostedValuesAndGraphs) {
   ASSERT_FALSE(sim_binary().empty()) << "TQDBSIM must name the simulator binary";
   SimProcess sim;
   ASSERT_TRUE(sim.start({}));
-  struct Peer {
-    SimClient c;
-    uint32_t s = 0;
-    EnvPtr take(uint32_t cid) {
-      EnvPtr env = c.next();
-      while (env && env->type == TQDB_API_MSG_TYPE_BCAST_COMMIT) env = c.next();
-      EXPECT_TRUE(env && env->cid == cid);
-      return env;
-    }
-    void open(uint16_t port) {
-      ASSERT_TRUE(c.connect(port) && c.next() && tqdb_api_auth(c.h(), "admin", "admin"));
-      ASSERT_TRUE(c.next());
-      EnvPtr n = take(tqdb_api_session_new(c.h()));
-      ASSERT_NE(s = n ? tqdb_api_session_new_handle(n.get()) : 0, 0u);
-    }
+  struct Peer : SimSession {
     uint32_t post(std::initializer_list<std::pair<uint32_t, uint64_t>> points) {
       std::vector<Value> v;
       for (const auto &[templateid, value] : points) v.push_back(Value{templateid, value, ""});
@@ -192,8 +178,8 @@ TEST(SystemOverviewSim, PostedValuesAndGraphs) {
       return env ? env->type : 99;
     }
   } a, b;
-  ASSERT_NO_FATAL_FAILURE(a.open(sim.port()));
-  ASSERT_NO_FATAL_FAILURE(b.open(sim.port()));
+  ASSERT_TRUE(a.open(sim.port()));
+  ASSERT_TRUE(b.open(sim.port()));
   EXPECT_EQ(a.post({{1, 3}}), TQDB_API_MSG_TYPE_ERROR);  // not announced
   EXPECT_EQ(a.take(tqdb_api_system_overview_announce(a.c.h(), a.s, 5, "e", "", "", "", ""))->type,
             TQDB_API_MSG_TYPE_OK);

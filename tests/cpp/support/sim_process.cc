@@ -10,6 +10,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <gtest/gtest.h>
+
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -18,6 +20,7 @@
 #include <thread>
 
 #include "support/responder.h"
+#include "tq_msg.h"
 #include "tqdb_api.h"
 
 namespace tqtest {
@@ -207,6 +210,35 @@ void SimClient::close(bool reset) {
   }
   if (fd_ >= 0) ::close(fd_);
   fd_ = -1;
+}
+
+bool SimSession::open(uint16_t port, const char *user, const char *password) {
+  if (!c.connect(port) || !c.next() || !tqdb_api_auth(c.h(), user, password)) return false;
+  EnvPtr a = c.next();
+  if (!a || tqdb_api_auth_handle(a.get(), nullptr) != 1) return false;
+  EnvPtr n = take(tqdb_api_session_new(c.h()));
+  return (s = n ? tqdb_api_session_new_handle(n.get()) : 0) != 0;
+}
+
+EnvPtr SimSession::take(uint32_t cid) {
+  EnvPtr env = c.next();
+  while (env && env->type == TQDB_API_MSG_TYPE_BCAST_COMMIT) env = c.next();
+  EXPECT_TRUE(env && tqdb_api_msg_get_cid(env.get()) == cid) << "no answer to " << cid;
+  return env;
+}
+
+EnvPtr SimSession::raw(uint32_t code, const Bytes &body) {
+  return take(tqdb_api_request(c.h(), code, s, [&](tq_msg_t *m) {
+    tq_msg_put_data(m, body.data(), body.size());
+  }));
+}
+
+std::vector<EnvPtr> SimSession::many(uint32_t cid) {
+  std::vector<EnvPtr> out;
+  EnvPtr env = take(cid);
+  for (; env && env->type == TQDB_API_MSG_TYPE_DATA; env = take(cid)) out.push_back(std::move(env));
+  EXPECT_TRUE(env && env->type == TQDB_API_MSG_TYPE_OK);
+  return out;
 }
 
 }  // namespace tqtest

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "support/wire.h"
+#include "tqdb_api.h"
 #include "vindel.h"
 
 namespace tqtest {
@@ -70,6 +71,27 @@ class SimClient {
   vindel_sock_t sock_{};
   bool sock_ready_ = false;
   HandlePtr h_;
+};
+
+// A logged-in client with one session: the usual partner of a simulator
+// test. Answers are taken in order; commit broadcasts in between are
+// skipped, and an answer to another request fails the test.
+struct SimSession {
+  SimClient c;
+  uint32_t s = 0;  // the session; 0 until open() succeeds
+
+  // Connects, reads the version announcement, logs in and opens a session.
+  bool open(uint16_t port, const char *user = "admin", const char *password = "admin");
+  EnvPtr take(uint32_t cid);
+  // A request of code with the fields given, and its answer.
+  template <class... F>
+  EnvPtr ask(uint32_t code, F... fields) {
+    return take(tqdb_api_send(c.h(), code, s, fields...));
+  }
+  // A request whose body is given as bytes, and its answer.
+  EnvPtr raw(uint32_t code, const Bytes &body);
+  // The DATA messages of a multi-message answer; the closing OK is checked.
+  std::vector<EnvPtr> many(uint32_t cid);
 };
 
 }  // namespace tqtest
