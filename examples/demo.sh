@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Starts tqdbsim on a free port and runs the quick start, then the ruleset
-# example, the statistics report and the administration example, against it.
+# example, the statistics report, the administration and the operations
+# examples, against it.
 # Called by `make demo` after the build; TQ_BUILD_DIR picks another build dir.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -57,17 +58,11 @@ fi
 
 echo "demo: tqdbsim on 127.0.0.1:$port, Python $ver"
 status=0
-PYTHONPATH="$build/python$ver" "$python" examples/quickstart.py 127.0.0.1 "$port" || status=$?
-if [ "$status" -eq 0 ]; then
-  echo
-  PYTHONPATH="$build/python$ver" "$python" examples/ruleset.py 127.0.0.1 "$port" || status=$?
-fi
-if [ "$status" -eq 0 ]; then
-  echo
-  PYTHONPATH="$build/python$ver" "$python" examples/stats_report.py 127.0.0.1 "$port" || status=$?
-fi
-if [ "$status" -eq 0 ]; then
-  echo
-  PYTHONPATH="$build/python$ver" "$python" examples/admin.py 127.0.0.1 "$port" || status=$?
-fi
+for example in quickstart ruleset stats_report admin operations; do
+  [ "$example" = quickstart ] || echo
+  PYTHONPATH="$build/python$ver" "$python" "examples/$example.py" 127.0.0.1 "$port" || {
+    status=$?
+    break
+  }
+done
 exit "$status"
