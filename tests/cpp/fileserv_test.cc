@@ -32,7 +32,7 @@ struct Source {
     auto *s = static_cast<Source *>(ctx);
     if (s->fail) return -1;
     const size_t n = std::min(size, s->data.size() - s->pos);
-    std::memcpy(buf, s->data.data() + s->pos, n);
+    if (n != 0) std::memcpy(buf, s->data.data() + s->pos, n);  // an empty vector has no data()
     s->pos += n;
     return static_cast<ptrdiff_t>(n);
   }
