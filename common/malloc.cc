@@ -93,14 +93,8 @@ void release(unsigned char *base) {
   quarantine_push(base);
 }
 
-}  // namespace
-
-void *tq_malloc_flags(const char *label, size_t size, unsigned flags) {
-  void *raw = size <= SIZE_MAX - kOverhead ? std::malloc(size + kOverhead) : nullptr;
-  if (raw == nullptr) {
-    tq_malloc_report();
-    TQ_BUG("tq_malloc() of %zu bytes for '%s' failed.", size, label);
-  }
+// Tags a raw block of size + kOverhead bytes and counts it under label.
+void *tag(void *raw, const char *label, size_t size, unsigned flags) {
   const bool leak = (flags & TQ_MALLOC_INTENTIONAL_LEAK) != 0;
   const uint32_t idx = label_index(label);
   tq_malloc_stat_t &e = stats().entries[idx];
@@ -123,10 +117,24 @@ void *tq_malloc_flags(const char *label, size_t size, unsigned flags) {
   return base + TQ_MALLOC_HEADER;
 }
 
+}  // namespace
+
+void *tq_malloc_flags(const char *label, size_t size, unsigned flags) {
+  void *raw = size <= SIZE_MAX - kOverhead ? std::malloc(size + kOverhead) : nullptr;
+  if (raw == nullptr) {
+    tq_malloc_report();
+    TQ_BUG("tq_malloc() of %zu bytes for '%s' failed.", size, label);
+  }
+  return tag(raw, label, size, flags);
+}
+
+// The C library's zeroed memory: a large block comes fresh from the kernel
+// and stays unpaged until written, so a ring buffer's 256 KiB chunk costs
+// only the pages its bytes reach.
 void *tq_zalloc(const char *label, size_t size) {
-  void *p = tq_malloc_flags(label, size, 0);
-  std::memset(p, 0, size);
-  return p;
+  void *raw = size <= SIZE_MAX - kOverhead ? std::calloc(1, size + kOverhead) : nullptr;
+  if (raw == nullptr) return tq_malloc_flags(label, size, 0);  // reports and dies the same way
+  return tag(raw, label, size, 0);
 }
 
 void tq_free_flags(void *ptr) {
