@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Starts tqdbsim on a free port and runs the quick start, then the ruleset
 # example, the statistics report, the administration and the operations
-# examples, against it.
+# examples, and the tqdb command's example, against it.
 # Called by `make demo` after the build; TQ_BUILD_DIR picks another build dir.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -65,4 +65,9 @@ for example in quickstart ruleset stats_report admin operations; do
     break
   }
 done
+if [ "$status" = 0 ] && [ "${ver%%.*}" = 3 ]; then  # the tqdb command is Python 3 only
+  echo
+  PYTHONPATH="$build/python$ver:." TQDB_PYTHON="$python" examples/tqdb_cli.sh 127.0.0.1 "$port" ||
+    status=$?
+fi
 exit "$status"

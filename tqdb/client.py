@@ -60,7 +60,6 @@ timeout=None means the client's timeout (connect's `timeout`).
 """
 from __future__ import absolute_import
 
-import collections
 import select
 import socket
 import time
@@ -68,59 +67,29 @@ import time
 import TQDBv17_1 as _tq
 import TQvindelv17_1 as _vindel
 
+from . import core as _core
 from . import methods as _m
-from .errors import (AuthenticationError, ConnectionLost, CriticalError, Error, LockedError,
-                     ServerError, Timeout, VersionError)
+from .core import DEFAULT_PORT, refusal, shared_key  # noqa: F401 - the package's names
+from .errors import ConnectionLost, Error, Timeout
 
 _now = getattr(time, 'monotonic', time.time)
 
-DATA, OK = _tq.MSG_TYPE_DATA, _tq.MSG_TYPE_OK
-REFUSALS = {
-    _tq.MSG_TYPE_ERROR: ServerError,
-    _tq.MSG_TYPE_CRITICAL: CriticalError,
-    _tq.MSG_TYPE_LOCK: LockedError,
-}
-_REPLIES = frozenset([DATA, OK]) | frozenset(REFUSALS)
-
-# Unsolicited messages: their type, the kind of event, how the value is read.
-EVENTS = (
-    (_tq.MSG_TYPE_BCAST_COMMIT, 'commit', lambda c, m: c.handle.commit_bcast_handle(m)),
-    (_tq.MSG_TYPE_DETACHED, 'detached', lambda c, m: m.get_error()),
-    (_m.MSG_RESTARTING, 'restart', lambda c, m: c.session.restarting_handle(m)),
-    (_m.MSG_RELOADING, 'reload', lambda c, m: c.session.reloading_handle(m)),
-)
-_EVENT_BY_TYPE = dict((t, (kind, read)) for t, kind, read in EVENTS)
-_SETUP = (_tq.MSG_TYPE_VERSION, _tq.MSG_TYPE_AUTH)
-
-DEFAULT_PORT = 17100
-_KEY = []
+DATA, OK, REFUSALS = _core.DATA, _core.OK, _core.REFUSALS
+EVENTS = _core.EVENTS
+_Inbox = _core.Inbox
+_REQUESTS = _m.REQUESTS
 
 
-def shared_key():
-    """The key pair this process uses when connect() is given none: making
-    one is the slow part of a connection, so it is made once."""
-    if not _KEY:
-        _KEY.append(_vindel.generate_key())
-    return _KEY[0]
-
-
-def refusal(msg, request=None):
-    """The exception for a refused request's reply."""
-    t = msg.get_type()
-    return REFUSALS[t](msg.get_error(), t, request)
-
-
-class Pending(object):
+class Pending(_core.Answer):
     """A request in flight; .result() waits for its answer."""
 
-    __slots__ = ('_client', 'request', 'cid', 'args', 'kw', '_generation', '_acc', '_done',
-                 '_value', '_error', '_retried')
+    __slots__ = ('args', 'kw', '_generation', '_done', '_value', '_error', '_retried')
 
     def __init__(self, client, request, cid, args, kw):
         self._client, self.request, self.cid = client, request, cid
+        self._acc = None
         self.args, self.kw = args, kw
         self._generation = client._generation
-        self._acc = None
         self._done = False
         self._value = self._error = None
         self._retried = False
@@ -145,65 +114,9 @@ class Pending(object):
     def _may_retry(self):
         return self._client.auto_reconnect and self.request.read_only and not self._retried
 
-    def _finish(self, value=None, error=None):
-        self._done, self._value, self._error = True, value, error
-        self._acc = None
-        self._client._pending.pop(self.cid, None)
-
-    def feed(self, msg):
-        """Takes one reply with this request's correlation id."""
-        t = msg.get_type()
-        req = self.request
-        try:
-            if t == DATA and req.shape == _m.LIST:
-                self._collect(msg)
-            elif t == DATA and req.shape == _m.VALUE:
-                value = self._client._decoder(req.decoder)(msg, *req.args)
-                self._finish(value.convert(None) if hasattr(value, 'convert') else value)
-            elif t == OK and req.shape == _m.LIST:
-                acc = self._acc
-                self._finish(acc.convert(None) if hasattr(acc, 'convert') else acc or [])
-            elif t in REFUSALS:
-                self._finish(error=refusal(msg, req.name))
-            elif req.shape != _m.NOTICE:
-                self._finish()
-        except Exception as e:  # a reply the decoder cannot read fails this request only
-            self._finish(error=e)
-
-    def _collect(self, msg):
-        req = self.request
-        if req.decoder is None:
-            self._acc = self._acc or []
-            self._acc.append(msg)
-        elif req.continues:
-            self._acc = self._client._decoder(req.decoder)(msg, self._acc)
-        else:
-            part = self._client._decoder(req.decoder)(msg, *req.args)
-            self._acc = self._acc or []
-            self._acc.extend(part)
-
-    def notice(self, reason):
-        self._finish(reason)
-
-    def fail(self, error):
+    def _settle(self, value, error):
         if not self._done:
-            self._finish(error=error)
-
-
-class _Inbox(object):
-    """The replies of a request sent with Client.send, kept until asked for."""
-
-    __slots__ = ('msgs', 'error')
-
-    def __init__(self):
-        self.msgs = collections.deque()
-        self.error = None
-
-    def feed(self, msg):
-        self.msgs.append(msg)
-
-    def fail(self, error):
-        self.error = error
+            self._done, self._value, self._error = True, value, error
 
 
 class Transaction(object):
@@ -231,7 +144,7 @@ class Transaction(object):
         return False
 
 
-class Client(object):
+class Client(_core.Conversation):
     """One connection to an appliance with one session; see the module's
     documentation. Made by tqdb.connect()."""
 
@@ -243,22 +156,15 @@ class Client(object):
         self.key = key
         self.auto_reconnect = reconnect
         self.version = self.login = None
-        self.unmatched = 0      # replies whose correlation id no request waits for
-        self._callbacks = dict((kind, []) for _, kind, _ in EVENTS)
-        self._events = []
-        self._calls = collections.deque()
+        self._init_events()
         self._generation = 0
-        self._sock = self._io = self.handle = self.session = None
-        self._lost = ConnectionLost('not connected')
+        self._sock = self._io = None
         self._open()
 
     # -- connection ---------------------------------------------------------------------------
 
     def _open(self):
-        self._pending = {}
-        self._notices = dict((t, []) for t in (_m.MSG_RESTARTING, _m.MSG_RELOADING))
-        self._setup = []
-        self._decoders = {}
+        self._reset()
         self._submitted = 0
         deadline = _now() + self.timeout
         try:
@@ -266,9 +172,7 @@ class Client(object):
         except (socket.error, socket.timeout) as e:
             raise ConnectionLost('Could not connect to %s:%s: %s' % (self.host, self.port, e))
         try:
-            # Requests and the handshake are small writes answered at once:
-            # without this, Nagle's algorithm holds each back for the peer's delayed ACK.
-            self._sock.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+            _core.nodelay(self._sock)
             self._io = _vindel.Vindel(self._sock, key=self.key or shared_key())
             self._handshake(deadline)
             self.handle = _tq.TQDBAPIHandle(self._io)
@@ -294,31 +198,25 @@ class Client(object):
 
     def _log_in(self, deadline):
         h = self.handle
-        try:
-            self.version = h.version_handle(self._setup_msg(_tq.MSG_TYPE_VERSION, deadline))
-        except RuntimeError as e:
-            raise VersionError(str(e))
-        if not h.auth(self.user, self._password):
-            raise Error('the login request could not be queued')
-        self.login = h.auth_handle(self._setup_msg(_tq.MSG_TYPE_AUTH, deadline))
-        if self.login is None:
-            raise AuthenticationError('login refused for %s' % self.user)
-        cid = h.session_new()
-        self._pending[cid] = inbox = _Inbox()
-        msg = self._next(inbox, max(deadline - _now(), 0.001), 'session_new')
+        self.version = _core.read_version(h, self._setup_msg(_tq.MSG_TYPE_VERSION, deadline))
+        _core.send_login(h, self.user, self._password)
+        self.login = _core.read_login(h, self._setup_msg(_tq.MSG_TYPE_AUTH, deadline), self.user)
+        cid = self.track(h.session_new(), 'session_new')
+        msg = self._next(self._pending[cid], max(deadline - _now(), 0.001), 'session_new')
         del self._pending[cid]
-        if msg.get_type() != DATA:
-            raise Error('no session: the appliance answered type %d' % msg.get_type())
-        self.session = h.session_new_handle(msg)
+        self.session = _core.read_session(h, msg)
 
     def _setup_msg(self, msg_type, deadline):
+        got = []
+
         def there():
-            return any(m.get_type() == msg_type for m in self._setup)
+            if not got:
+                m = self._take_setup(msg_type)
+                if m is not None:
+                    got.append(m)
+            return got
         self._wait(there, max(deadline - _now(), 0.001), 'the appliance')
-        for m in self._setup:
-            if m.get_type() == msg_type:
-                self._setup.remove(m)
-                return m
+        return got[0]
 
     def _drop(self):
         """Lets go of the connection; the session and handle first, as they
@@ -328,16 +226,6 @@ class Client(object):
         if self._sock is not None:
             self._sock.close()
             self._sock = None
-
-    def _lose(self, why):
-        if self._lost is None:
-            self._lost = ConnectionLost(why)
-        pending = list(self._pending.values())
-        self._pending = {}
-        for waiters in self._notices.values():
-            del waiters[:]
-        for p in pending:
-            p.fail(self._lost)
 
     def close(self):
         """Closes the connection; requests still in flight fail with ConnectionLost."""
@@ -350,10 +238,6 @@ class Client(object):
         transaction is gone (the appliance rolled it back)."""
         self.close()
         self._open()
-
-    @property
-    def connected(self):
-        return self._lost is None
 
     def __enter__(self):
         return self
@@ -389,37 +273,6 @@ class Client(object):
         self._deliver()
         return n
 
-    def _dispatch(self, msg):
-        t = msg.get_type()
-        if t in _REPLIES:
-            p = self._pending.get(msg.get_cid())
-            if p is None:
-                self.unmatched += 1
-            else:
-                p.feed(msg)
-        elif t in _EVENT_BY_TYPE:
-            kind, read = _EVENT_BY_TYPE[t]
-            try:
-                value = read(self, msg) if self.session is not None else None
-            except Exception:  # noqa: BLE001 - a notice cut short must not fail a request
-                value = None
-            waiters = self._notices.get(t)
-            while waiters:
-                waiters.pop(0).notice(value)
-            fns = self._callbacks[kind]
-            if fns:
-                self._calls.extend((fn, value) for fn in fns)
-            else:
-                self._events.append((kind, value))
-        elif t in _SETUP:
-            self._setup.append(msg)
-
-    def _deliver(self):
-        calls = self._calls
-        while calls:
-            fn, value = calls.popleft()
-            fn(value)
-
     def _wait(self, done, timeout, what):
         limit = self.timeout if timeout is None else timeout
         deadline = _now() + limit
@@ -448,42 +301,20 @@ class Client(object):
         got, self._events = self._events, []
         return got
 
-    def _on(self, kind, fn):
-        self._callbacks[kind].append(fn)
-        return fn
-
     # -- requests -----------------------------------------------------------------------------
-
-    def _decoder(self, name):
-        d = self._decoders.get(name)
-        if d is None:
-            owner, _, attr = name.rpartition('.')
-            d = self._decoders[name] = getattr(self.handle if owner else self.session, attr)
-        return d
 
     def submit(self, name, *args, **kw):
         """Sends request `name` (a Session method) and returns its Pending."""
-        req = _m.REQUESTS.get(name)
-        if req is None:
-            raise ValueError('no request %r: see tqdb.methods.REQUESTS' % (name,))
-        p = Pending(self, req, 0, args, kw)
+        req = _REQUESTS.get(name)
+        p = Pending(self, req if req is not None else _core.request(name), 0, args, kw)
         if self._lost is not None:
             p.fail(self._lost)
             return p
-        p.cid = self._queue(name, args, kw)
-        self._pending[p.cid] = p
-        if req.shape == _m.NOTICE:
-            self._notices[_m.NOTICE_TYPES[name]].append(p)
+        self._register(p, args, kw)
         self._submitted += 1
         if self._submitted & 511 == 0:
             self._pump(0)  # keep both directions moving under a long batch
         return p
-
-    def _queue(self, name, args, kw):
-        cid = getattr(self.session, name)(*args, **kw)
-        if not cid:
-            raise Error('%s could not be queued' % name)
-        return cid
 
     def _resubmit(self, p):
         if p._generation == self._generation:
@@ -495,25 +326,6 @@ class Client(object):
         return Transaction(self, resource, message)
 
     # -- low-level API ------------------------------------------------------------------------
-
-    def send(self, name, *args, **kw):
-        if self._lost is not None:
-            raise ConnectionLost(*self._lost.args)
-        sent = getattr(self.session, name)(*args, **kw)
-        self.track(getattr(sent, 'cid', sent), name)
-        return sent
-
-    def track(self, cid, what='the request'):
-        if not cid:
-            raise Error('%s could not be queued' % what)
-        self._pending[cid] = _Inbox()
-        return cid
-
-    def _inbox(self, cid):
-        inbox = self._pending.get(cid)
-        if not isinstance(inbox, _Inbox):
-            raise ValueError('no request sent with correlation id %r' % (cid,))
-        return inbox
 
     def _next(self, inbox, timeout, what):
         self._wait(lambda: inbox.msgs or inbox.error, timeout, what)
@@ -552,28 +364,13 @@ def _method(req):
     def call(self, *args, **kw):
         return self.submit(name, *args, **kw).result()
     call.__name__ = name
-    sig = (getattr(_tq.Session, name).__doc__ or name).split(' -> ')[0].split('\n')[0]
-    call.__doc__ = '%s: sends %s and returns %s.' % (sig, name, {
-        _m.OK: 'None once the appliance has accepted it',
-        _m.VALUE: 'the decoded reply (None when the appliance answers OK)',
-        _m.LIST: 'the whole answer as one converted list',
-        _m.NOTICE: "the notice's reason"}[req.shape])
+    call.__doc__ = _core.method_doc(req)
     return call
-
-
-def _event_method(kind):
-    def on(self, fn):
-        return self._on(kind, fn)
-    on.__name__ = 'on_' + kind
-    on.__doc__ = 'Calls fn(value) for every %s event from now on; returns fn.' % kind
-    return on
 
 
 for _req in _m.REQUESTS.values():
     setattr(Client, _req.name, _method(_req))
-for _, _kind, _ in EVENTS:
-    setattr(Client, 'on_' + _kind, _event_method(_kind))
-del _req, _kind
+del _req
 
 
 def connect(host, port=DEFAULT_PORT, user='admin', password='admin', timeout=10.0, key=None,
@@ -584,3 +381,58 @@ def connect(host, port=DEFAULT_PORT, user='admin', password='admin', timeout=10.
     per process). reconnect=True sends a read-only request again, once,
     over a new connection when the connection was lost."""
     return Client(host, port, user, password, timeout, key, reconnect)
+
+
+# -- transfers, the query stream and the ruleset by path ----------------------------------------
+# Kept in tqdb.transfers, tqdb.query and tqdb.tree, which use this module:
+# imported once everything above is defined.
+
+from . import query as _query, transfers as _transfers, tree as _tree  # noqa: E402
+
+
+class _Features(object):
+    def upload(self, type, local_path, remote_name, progress=None):
+        """Uploads local_path (a path or a binary file object) as remote_name
+        into the file area type (FILESERV_ID_*); the number of bytes sent.
+        progress(done, total) is called as the appliance acknowledges data.
+        A refusal raises ServerError (see tqdb.transfers)."""
+        return _transfers.upload(self, _transfers.FILES, (type, remote_name), local_path,
+                                 progress)
+
+    def download(self, type, remote_name, local_path, progress=None):
+        """Downloads remote_name of the file area type into local_path (a path,
+        replaced only once the whole file has arrived, or a binary file
+        object); the number of bytes written. progress(done, total)."""
+        return _transfers.download(self, _transfers.FILES, (type, remote_name), local_path,
+                                   progress)
+
+    def backup_upload(self, local_path, remote_name, progress=None):
+        """Uploads local_path as the backup remote_name; as upload()."""
+        return _transfers.upload(self, _transfers.BACKUPS, (remote_name,), local_path, progress)
+
+    def backup_download(self, remote_name, local_path, progress=None):
+        """Downloads the backup remote_name into local_path; as download()."""
+        return _transfers.download(self, _transfers.BACKUPS, (remote_name,), local_path,
+                                   progress)
+
+    def query(self, text, encoding=_query._DEFAULT_ENCODING, timeout=None):
+        """Sends the statistics query text; a tqdb.query.Query, an iterator
+        over the answer's rows (dicts keyed by column name) as they arrive."""
+        return _query.Query(self, text, encoding, timeout)
+
+    def objects(self, type):
+        """The objects of type (OBJECT_TYPE_*) as a tqdb.tree.Tree, addressed
+        by path ("/customers/acme")."""
+        return _tree.Tree(self.object_list(type), type)
+
+    def forget(self, cid):
+        """Stops keeping the replies of cid (sent with send() or track());
+        any that still come are counted in .unmatched."""
+        if isinstance(self._pending.get(cid), _Inbox):
+            del self._pending[cid]
+
+
+for _name, _fn in list(vars(_Features).items()):
+    if not _name.startswith('__'):
+        setattr(Client, _name, _fn)
+del _name, _fn
