@@ -42,5 +42,11 @@ bench: build build-bench/CMakeCache.txt
 demo: build
 	bash examples/demo.sh
 
+# pip install . offline, as a new user would: fresh venvs of 3.8 and 3.13, 2.7's
+# pip into a --target directory (2 to 5 minutes; not part of `make test`).
+.PHONY: install-check
+install-check:
+	bash tests/packaging/check_install.sh $(INSTALL_CHECK_PYTHONS)
+
 clean:
 	rm -rf build build-asan build-bench
