@@ -656,6 +656,22 @@ def parser():
     return top
 
 
+def split_sim(argv):
+    """(the command line up to the `sim` command word, what follows it): the
+    words after `sim` are the simulator's own, `--port 0` included."""
+    takes_value = set(o for a in parser()._actions if a.nargs != 0 for o in a.option_strings)
+    i = 0
+    while i < len(argv):
+        word = argv[i]
+        if word == 'sim':
+            rest = argv[i + 1:]
+            return argv[:i + 1], rest[1:] if rest[:1] == ['--'] else rest
+        if not word.startswith('-'):
+            break  # another command
+        i += 2 if word in takes_value else 1
+    return argv, []
+
+
 def main(argv=None, environ=None, stdin=None, stdout=None, stderr=None):
     """Runs one command; the exit status."""
     environ = os.environ if environ is None else environ
@@ -664,10 +680,11 @@ def main(argv=None, environ=None, stdin=None, stdout=None, stderr=None):
     run = None
     try:
         with contextlib.redirect_stdout(stdout):   # --help and --version
-            args, rest = parser().parse_known_args(sys.argv[1:] if argv is None else argv)
-        if rest and args.group != 'sim':
+            own, sim_args = split_sim(list(sys.argv[1:] if argv is None else argv))
+            args, rest = parser().parse_known_args(own)
+        if rest:
             raise UsageError('unrecognized arguments: %s' % ' '.join(rest))
-        args.sim_args = getattr(args, 'sim_args', []) + rest
+        args.sim_args = sim_args
         run = Run(args, environ, stdin, stdout, stderr)
         show(stdout, args.run(run, args), args.json)
         return EXIT_OK
