@@ -222,17 +222,22 @@ print('survived')
         gc.collect()
         refs = [sys.getrefcount(o) for o in fixed]
         objects = len(gc.get_objects())
-        if tracemalloc:
-            tracemalloc.start()
-        for _ in range(1000):
-            calls()
-        gc.collect()
-        grown = tracemalloc.get_traced_memory()[0] if tracemalloc else 0
-        if tracemalloc:
-            tracemalloc.stop()
+        # A leak grows in every window; the interpreter's own one-off
+        # growth (3.13 enlarges an internal table once, near a megabyte)
+        # lands in one window at most.
+        grown = []
+        for _ in range(3):
+            if tracemalloc:
+                tracemalloc.start()
+            for _ in range(1000):
+                calls()
+            gc.collect()
+            grown.append(tracemalloc.get_traced_memory()[0] if tracemalloc else 0)
+            if tracemalloc:
+                tracemalloc.stop()
         self.assertEqual([sys.getrefcount(o) for o in fixed], refs)
         self.assertTrue(len(gc.get_objects()) - objects < 20)
-        self.assertTrue(grown < 16 * 1024, grown)
+        self.assertTrue(min(grown) < 16 * 1024, grown)
         self.assertEqual(len(records.convert(0)), 3)
         peer.close()
 
