@@ -1,0 +1,1 @@
+# `python -m tqdb`: running it runs the command; importing it defines nothing.
