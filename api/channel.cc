@@ -32,15 +32,6 @@ constexpr tqdb_api_item_field_t kLinkRows[]{TQ_ROW(Link, channel, U32),
 constexpr tqdb_api_item_layout_t kLink{"tqdb_api_channel_link_t", sizeof(Link), kLinkRows};
 static_assert(tq::rows_fit(kLink.size, kLink.fields));
 
-// Records while any byte of the body is left: a trailing piece is a record
-// cut short, released and reported.
-tq_list_t *records(tqdb_api_msg_t *env, const tqdb_api_item_layout_t &kind, tq_list_t *list,
-                   const char *decoder) {
-  if (tqdb_api_msg_get_type(env) != TQDB_API_MSG_TYPE_DATA) return list;
-  tq::ReplyReader r(env, decoder);
-  return tq::read_records(r, kind, list, 1);
-}
-
 }  // namespace
 
 uint32_t tqdb_api_channel_list(tqdb_api_handle_t *h, uint32_t session) {
@@ -79,7 +70,7 @@ uint32_t tqdb_api_channel_link_toggle(tqdb_api_handle_t *h, uint32_t session, ui
 }
 
 tq_list_t *tqdb_api_channel_list_handle(tqdb_api_msg_t *env, tq_list_t *list) {
-  return records(env, kChannel, list, "tqdb_api_channel_list_handle");
+  return tq::reply_records(env, list, "tqdb_api_channel_list_handle", kChannel);
 }
 
 bool tqdb_api_channel_stats_handle(tqdb_api_msg_t *env,
@@ -94,5 +85,5 @@ bool tqdb_api_channel_stats_handle(tqdb_api_msg_t *env,
 }
 
 tq_list_t *tqdb_api_channel_link_states_handle(tqdb_api_msg_t *env, tq_list_t *list) {
-  return records(env, kLink, list, "tqdb_api_channel_link_states_handle");
+  return tq::reply_records(env, list, "tqdb_api_channel_link_states_handle", kLink);
 }

@@ -35,14 +35,6 @@ static_assert(tq::rows_fit(kFlag.size, kFlag.fields));
 
 constexpr char kLogLevelLabel[] = "tqdb_api_log_level_t";
 
-// Records of one DATA reply behind list; anything else leaves list as is.
-tq_list_t *records(tqdb_api_msg_t *env, tq_list_t *list, const char *decoder,
-                   const tqdb_api_item_layout_t &kind) {
-  if (tqdb_api_msg_get_type(env) != TQDB_API_MSG_TYPE_DATA) return list;
-  tq::ReplyReader r(env, decoder);
-  return tq::read_records(r, kind, list, 4);
-}
-
 }  // namespace
 
 uint32_t tqdb_api_config_list(tqdb_api_handle_t *h, uint32_t session) {
@@ -80,15 +72,15 @@ uint32_t tqdb_api_system_time(tqdb_api_handle_t *h, uint32_t session) {
 }
 
 tq_list_t *tqdb_api_config_list_handle(tqdb_api_msg_t *env, tq_list_t *list) {
-  return records(env, list, "tqdb_api_config_list_handle", kValue);
+  return tq::reply_records(env, list, "tqdb_api_config_list_handle", kValue, 4);
 }
 
 tq_list_t *tqdb_api_config_category_list_handle(tqdb_api_msg_t *env, tq_list_t *list) {
-  return records(env, list, "tqdb_api_config_category_list_handle", kCategory);
+  return tq::reply_records(env, list, "tqdb_api_config_category_list_handle", kCategory, 4);
 }
 
 tq_list_t *tqdb_api_config_flags_list_handle(tqdb_api_msg_t *env, tq_list_t *list) {
-  return records(env, list, "tqdb_api_config_flags_list_handle", kFlag);
+  return tq::reply_records(env, list, "tqdb_api_config_flags_list_handle", kFlag, 4);
 }
 
 tq_list_t *tqdb_api_log_facility_list_handle(tqdb_api_msg_t *env, tq_list_t *list) {

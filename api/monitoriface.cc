@@ -20,7 +20,5 @@ uint32_t tqdb_api_monitoriface_list(tqdb_api_handle_t *h, uint32_t session) {
 }
 
 tq_list_t *tqdb_api_monitoriface_list_handle(tqdb_api_msg_t *env, tq_list_t *list) {
-  if (tqdb_api_msg_get_type(env) != TQDB_API_MSG_TYPE_DATA) return list;
-  tq::ReplyReader r(env, "tqdb_api_monitoriface_list_handle");
-  return tq::read_records(r, kIface, list, 1);
+  return tq::reply_records(env, list, "tqdb_api_monitoriface_list_handle", kIface);
 }

@@ -187,6 +187,15 @@ inline tq_list_t *read_records(ReplyReader &r, const tqdb_api_item_layout_t &kin
   return tq_list_concat(list, tq_list_reverse(fresh));
 }
 
+// The flat records of one DATA reply, appended behind list in wire order as
+// read_records reads them; a reply of another type leaves list as it was.
+inline tq_list_t *reply_records(tqdb_api_msg_t *env, tq_list_t *list, const char *decoder,
+                                const tqdb_api_item_layout_t &kind, uint32_t min_left = 1) {
+  if (tqdb_api_msg_get_type(env) != TQDB_API_MSG_TYPE_DATA) return list;
+  ReplyReader r(env, decoder);
+  return read_records(r, kind, list, min_left);
+}
+
 }  // namespace tq
 
 #endif

@@ -22,13 +22,6 @@ constexpr tqdb_api_item_layout_t kProp{"tqdb_api_service_prop_t", sizeof(Prop), 
 static_assert(tq::rows_fit(kService.size, kService.fields));
 static_assert(tq::rows_fit(kProp.size, kProp.fields));
 
-tq_list_t *records(tqdb_api_msg_t *env, tq_list_t *list, const char *decoder,
-                   const tqdb_api_item_layout_t &kind) {
-  if (tqdb_api_msg_get_type(env) != TQDB_API_MSG_TYPE_DATA) return list;
-  tq::ReplyReader r(env, decoder);
-  return tq::read_records(r, kind, list, 4);
-}
-
 // Restart and reload differ only in their code. The reason goes only when
 // it fits whole behind the header: an appliance told half a reason would
 // log a wrong one.
@@ -79,11 +72,11 @@ uint32_t tqdb_api_services_prop_list(tqdb_api_handle_t *h, uint32_t session) {
 }
 
 tq_list_t *tqdb_api_services_list_handle(tqdb_api_msg_t *env, tq_list_t *list) {
-  return records(env, list, "tqdb_api_services_list_handle", kService);
+  return tq::reply_records(env, list, "tqdb_api_services_list_handle", kService, 4);
 }
 
 tq_list_t *tqdb_api_services_prop_list_handle(tqdb_api_msg_t *env, tq_list_t *list) {
-  return records(env, list, "tqdb_api_services_prop_list_handle", kProp);
+  return tq::reply_records(env, list, "tqdb_api_services_prop_list_handle", kProp, 4);
 }
 
 uint32_t tqdb_api_restart(tqdb_api_handle_t *h, const char *reason) {

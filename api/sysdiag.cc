@@ -112,15 +112,6 @@ tq_list_t *read_zones(tqdb_api_msg_t *env, tq_list_t *list, const char *decoder)
   return tq_list_concat(list, tq_list_reverse(fresh));
 }
 
-// Flat records while the body lasts, in reply order behind list; a record
-// cut short ends the reply and is reported once.
-tq_list_t *read_flat(tqdb_api_msg_t *env, tq_list_t *list, const char *decoder,
-                     const tqdb_api_item_layout_t &layout) {
-  if (tqdb_api_msg_get_type(env) != TQDB_API_MSG_TYPE_DATA) return list;
-  tq::ReplyReader r(env, decoder);
-  return tq::read_records(r, layout, list, 1);
-}
-
 }  // namespace
 
 // --- requests -----------------------------------------------------------------------------
@@ -239,10 +230,10 @@ tq_list_t *tqdb_api_sysdiag_level_list_handle(tqdb_api_msg_t *env, tq_list_t *li
   return tq::read_records(r, kLevelLayout, list, 1);
 }
 tq_list_t *tqdb_api_sysdiag_malloc_usage_list_handle(tqdb_api_msg_t *env, tq_list_t *list) {
-  return read_flat(env, list, "tqdb_api_sysdiag_malloc_usage_list_handle", kMallocEntryLayout);
+  return tq::reply_records(env, list, "tqdb_api_sysdiag_malloc_usage_list_handle", kMallocEntryLayout);
 }
 tq_list_t *tqdb_api_sysdiag_malloc_usage_get_handle(tqdb_api_msg_t *env, tq_list_t *list) {
-  return read_flat(env, list, "tqdb_api_sysdiag_malloc_usage_get_handle", kUsageLayout);
+  return tq::reply_records(env, list, "tqdb_api_sysdiag_malloc_usage_get_handle", kUsageLayout);
 }
 tq_list_t *tqdb_api_sysdiag_zone_list_handle(tqdb_api_msg_t *env, tq_list_t *list) {
   return read_zones(env, list, "tqdb_api_sysdiag_zone_list_handle");
@@ -254,13 +245,13 @@ tq_list_t *tqdb_api_sysdiag_zone_alerted_zones_handle(tqdb_api_msg_t *env, tq_li
   return read_zones(env, list, "tqdb_api_sysdiag_zone_alerted_zones_handle");
 }
 tq_list_t *tqdb_api_sysdiag_zone_value_get_handle(tqdb_api_msg_t *env, tq_list_t *list) {
-  return read_flat(env, list, "tqdb_api_sysdiag_zone_value_get_handle", kZoneValueLayout);
+  return tq::reply_records(env, list, "tqdb_api_sysdiag_zone_value_get_handle", kZoneValueLayout);
 }
 tq_list_t *tqdb_api_sysdiag_log_list_handle(tqdb_api_msg_t *env, tq_list_t *list) {
-  return read_flat(env, list, "tqdb_api_sysdiag_log_list_handle", kLogLayout);
+  return tq::reply_records(env, list, "tqdb_api_sysdiag_log_list_handle", kLogLayout);
 }
 tq_list_t *tqdb_api_sysdiag_zone_get_enum_values_handle(tqdb_api_msg_t *env, tq_list_t *list) {
-  return read_flat(env, list, "tqdb_api_sysdiag_zone_get_enum_values_handle", kEnumLayout);
+  return tq::reply_records(env, list, "tqdb_api_sysdiag_zone_get_enum_values_handle", kEnumLayout);
 }
 
 bool tqdb_api_sysdiag_zone_version_handle(tqdb_api_msg_t *env, uint32_t *version) {

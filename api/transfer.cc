@@ -141,9 +141,7 @@ int download_reply(tqdb_api_msg_t *env, tqdb_api_transfer_output_t out, uint32_t
 }
 
 tq_list_t *read_listing(tqdb_api_msg_t *env, const RecordKind &kind, tq_list_t *list) {
-  if (tqdb_api_msg_get_type(env) != TQDB_API_MSG_TYPE_DATA || env->msg == nullptr) return list;
-  ReplyReader r(env, kind.decoder);
-  return read_records(r, kind.layout, list, 1);
+  return env->msg == nullptr ? list : reply_records(env, list, kind.decoder, kind.layout);
 }
 
 }  // namespace tq

@@ -17,9 +17,7 @@ namespace tq::trigger {
 // cut short ends the reply (reported once).
 inline tq_list_t *list_handle(tqdb_api_msg_t *env, tq_list_t *list,
                               const tqdb_api_item_layout_t &kind, const char *decoder) {
-  if (tqdb_api_msg_get_type(env) != TQDB_API_MSG_TYPE_DATA) return list;
-  ReplyReader r(env, decoder);
-  return read_records(r, kind, list, 4);
+  return reply_records(env, list, decoder, kind, 4);
 }
 
 // The new trigger's id of an add answer.
