@@ -252,17 +252,26 @@ void tq_log_flush() { std::fflush(stderr); }
 
 // --- the fatal path -------------------------------------------------------------
 
+namespace {
+tq_bug_hook_t g_bug_hook = nullptr;
+}  // namespace
+
+void tq_set_bug_hook(tq_bug_hook_t hook) { g_bug_hook = hook; }
+
 void tq_bug_fatal(const char *file, int line, const char *func, const char *cond,
                   const char *fmt, ...) {
   // Printed as "Alert" so that it passes the default output threshold; a
   // "General" level below 2 means the appliance wants bugs to die silently.
-  if (tq_log_enabled(TQ_LOG_FAC_GENERAL, TQ_LOG_CRITICAL)) {
+  const bool logged = tq_log_enabled(TQ_LOG_FAC_GENERAL, TQ_LOG_CRITICAL);
+  if (logged || g_bug_hook != nullptr) {
     std::array<char, TQ_LOG_LINE_MAX> report{};
     va_list ap;
     va_start(ap, fmt);
     format_report(report, "TQ-BUG", file, line, func, cond, fmt, ap);
     va_end(ap);
-    tq_log(TQ_LOG_FAC_GENERAL, TQ_LOG_ALERT, "%s", report.data());
+    if (logged) tq_log(TQ_LOG_FAC_GENERAL, TQ_LOG_ALERT, "%s", report.data());
+    tq_log_flush();
+    if (g_bug_hook != nullptr) g_bug_hook(report.data());
   }
   tq_log_flush();
   std::abort();

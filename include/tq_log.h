@@ -92,6 +92,13 @@ bool tq_log_msg_get(tq_msg_t *msg);
 //   if (TQ_BADNESS_ON(x == TQ_NULL, "")) return false;
 #define TQ_NULL ((void *)0)
 
+// A harness (a fuzzer, a test) can watch the fatal path: the hook gets the
+// "TQ-BUG at ..." report before the process aborts, and may throw to count
+// the deliberate abort and go on; when it returns, the process aborts as
+// without it. nullptr removes it.
+using tq_bug_hook_t = void (*)(const char *report);
+void tq_set_bug_hook(tq_bug_hook_t hook);
+
 // cond is the condition text, or nullptr for a message without one; the
 // explanation follows the condition after two blanks.
 [[noreturn]] void tq_bug_fatal(const char *file, int line, const char *func,
