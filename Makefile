@@ -3,6 +3,8 @@
 #   make test    build and run every test (C++ and Python, every interpreter found)
 #   make asan    the same suites under AddressSanitizer + UndefinedBehaviorSanitizer
 #   make bench   build and run the benchmarks
+#   make fuzz    build the fuzz targets (clang-14, libFuzzer) and run each for
+#                FUZZ_SECONDS (default 60)
 #   make demo    start the simulator and run the quick start against it
 #   make clean
 CMAKE   ?= cmake
@@ -10,7 +12,7 @@ JOBS    ?= $(shell nproc 2>/dev/null || echo 2)
 CONFIG  ?=
 WERROR  := $(if $(CI),-DTQ_WERROR=ON,)
 
-.PHONY: all build test asan bench demo clean
+.PHONY: all build test asan bench fuzz demo clean
 
 all: build
 
@@ -39,6 +41,16 @@ bench: build build-bench/CMakeCache.txt
 	$(CMAKE) --build build-bench -j $(JOBS)
 	bash bench/run
 
+FUZZ_SECONDS ?= 60
+
+build-fuzz/CMakeCache.txt:
+	CC=clang-14 CXX=clang++-14 $(CMAKE) -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTQ_FUZZ=ON \
+	  -DTQ_BUILD_TESTS=OFF -DTQ_BUILD_PYTHON=OFF $(CONFIG)
+
+fuzz: build-fuzz/CMakeCache.txt
+	$(CMAKE) --build build-fuzz -j $(JOBS) --target fuzz_targets
+	FUZZ_SECONDS=$(FUZZ_SECONDS) bash fuzz/run build-fuzz
+
 demo: build
 	bash examples/demo.sh
 
@@ -49,4 +61,4 @@ install-check:
 	bash tests/packaging/check_install.sh $(INSTALL_CHECK_PYTHONS)
 
 clean:
-	rm -rf build build-asan build-bench
+	rm -rf build build-asan build-bench build-fuzz

@@ -114,9 +114,15 @@ class FrameReader {
   // A value that must be there: a row cut inside its frame is a broken
   // writer, not a short reply.
   void need(void *out, size_t n, const char *name, int line) {
-    const bool r = bytes(out, n);
-    if (!r) tq_bug_fatal(__FILE__, line, "tqdb_api_statreader_query_handle_msg", "!r",
-                         "Failed to read %s from message at %s:%d", name, __FILE__, line);
+    need_room(n, name, line);
+    (void)bytes(out, n);
+  }
+  // The same verdict before the value is read, so that a size announced
+  // beyond the frame is refused before anything is allocated for it.
+  void need_room(size_t n, const char *name, int line) {
+    if (n > left_)
+      tq_bug_fatal(__FILE__, line, "tqdb_api_statreader_query_handle_msg", "!r",
+                   "Failed to read %s from message at %s:%d", name, __FILE__, line);
   }
   void skip_rest() {
     chain_take(chain_, nullptr, left_);
@@ -201,6 +207,7 @@ void read_value(value_t &v, uint16_t type, FrameReader &f) {
     return;
   }
   const auto n = static_cast<uint32_t>(word);
+  f.need_room(n, "data", __LINE__);  // a length word is no reason to allocate gigabytes
   if (n > v.capacity) {  // grown only for a longer value, then kept
     tq_free_flags(v.v.bytes);
     v.v.bytes = static_cast<uint8_t *>(tq_malloc_flags(kBytesLabel, n, 0));
