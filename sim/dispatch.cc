@@ -213,4 +213,33 @@ const Route *Dispatch::find(uint32_t code) const {
   return it == routes_.end() ? nullptr : it->second;
 }
 
+void Dispatch::serve(Hub &hub, Store &store, uint32_t conn, Login &login, tq_msg_t &m) const {
+  const Route *route = find(m.type);
+  uint32_t session = 0, cid = 0;
+  bool header_ok = true;
+  if (!route || route->header == Header::kSessionCid) {
+    header_ok = tq_msg_get_uint32(&m, &session);
+    header_ok = header_ok && tq_msg_get_uint32(&m, &cid);
+  }
+  Call call{hub, store, conn, login, m.type, session, cid, nullptr, Body(&m)};
+  hub.note_request(conn, m.type, route, session, cid, static_cast<uint32_t>(m.len));
+
+  if (!route) return call.error(format("Unknown request code 0x%x", m.type));
+  if (!header_ok) return call.error(format("Malformed request 0x%x: body too short", m.type));
+  switch (route->access) {
+    case Access::kAnyone:
+      break;
+    case Access::kLoggedIn:
+      if (!login.accepted) return call.error("Not authenticated");
+      break;
+    case Access::kSession:
+      if (!login.accepted) return call.error("Not authenticated");
+      call.sess = store.session(session);
+      if (!call.sess || call.sess->conn != conn)
+        return call.error(format("Unknown session %u", session));
+      break;
+  }
+  route->handler(call);
+}
+
 }  // namespace tqsim

@@ -35,6 +35,7 @@ namespace tqsim {
 struct Options;
 class Out;
 class StatsStore;
+struct Route;
 class QueryRun;
 struct Areas;
 
@@ -90,6 +91,9 @@ class Hub {
   virtual void run_query(std::unique_ptr<QueryRun> q) = 0;
   // The file areas and backups, and the uploads in progress into them.
   virtual Areas &areas() = 0;
+  // Told of every request before it is served (the server logs it).
+  virtual void note_request(uint32_t /*conn*/, uint32_t /*code*/, const Route * /*route*/,
+                            uint32_t /*session*/, uint32_t /*cid*/, uint32_t /*bytes*/) {}
   // The address a connection comes from ("192.0.2.7"), without the port;
   // empty for one that is gone.
   virtual std::string peer_host(uint32_t conn) const = 0;
@@ -183,6 +187,11 @@ class Dispatch {
  public:
   Dispatch();  // every family's routes; a code routed twice is a bug
   const Route *find(uint32_t code) const;
+  // Handles one request m of connection conn: reads the header its route
+  // needs, checks the route's access rule and answers the failures itself
+  // ("Unknown request code", "Not authenticated", "Unknown session"), then
+  // runs the handler. The server and in-process harnesses share this path.
+  void serve(Hub &hub, Store &store, uint32_t conn, Login &login, tq_msg_t &m) const;
 
  private:
   std::unordered_map<uint32_t, const Route *> routes_;

@@ -274,34 +274,12 @@ void Server::serve_frames(Conn &c) {
   }
 }
 
-void Server::handle(Conn &c, tq_msg_t &m) {
-  const Route *route = dispatch_.find(m.type);
-  uint32_t session = 0, cid = 0;
-  bool header_ok = true;
-  if (!route || route->header == Header::kSessionCid) {
-    header_ok = tq_msg_get_uint32(&m, &session);
-    header_ok = header_ok && tq_msg_get_uint32(&m, &cid);
-  }
-  Call call{*this, store_, c.id(), c.login, m.type, session, cid, nullptr, Body(&m)};
-  log("connection %u: request 0x%x (%s) session %u cid %u, %u bytes", c.id(), m.type,
-      route ? route->name : "unknown", session, cid, static_cast<unsigned>(m.len));
+void Server::handle(Conn &c, tq_msg_t &m) { dispatch_.serve(*this, store_, c.id(), c.login, m); }
 
-  if (!route) return call.error(format("Unknown request code 0x%x", m.type));
-  if (!header_ok) return call.error(format("Malformed request 0x%x: body too short", m.type));
-  switch (route->access) {
-    case Access::kAnyone:
-      break;
-    case Access::kLoggedIn:
-      if (!c.login.accepted) return call.error("Not authenticated");
-      break;
-    case Access::kSession:
-      if (!c.login.accepted) return call.error("Not authenticated");
-      call.sess = store_.session(session);
-      if (!call.sess || call.sess->conn != c.id())
-        return call.error(format("Unknown session %u", session));
-      break;
-  }
-  route->handler(call);
+void Server::note_request(uint32_t conn, uint32_t code, const Route *route, uint32_t session,
+                          uint32_t cid, uint32_t bytes) {
+  log("connection %u: request 0x%x (%s) session %u cid %u, %u bytes", conn, code,
+      route ? route->name : "unknown", session, cid, bytes);
 }
 
 void Server::restart(std::string_view reason) {

@@ -48,6 +48,8 @@ class Server final : public Hub {
   void run_query(std::unique_ptr<QueryRun> q) override;
   Areas &areas() override { return areas_; }
   std::string peer_host(uint32_t conn) const override;
+  void note_request(uint32_t conn, uint32_t code, const Route *route, uint32_t session,
+                    uint32_t cid, uint32_t bytes) override;
   void restart(std::string_view reason) override;
   void reload(std::string_view reason) override;
 
