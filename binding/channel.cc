@@ -25,7 +25,7 @@ constexpr Field kChannelFields[] = {
 
 // A key the channel dict must have.
 PyObject *channel_key(PyObject *d, const char *key) {
-  PyObject *v = PyDict_GetItemString(d, key);
+  PyObject *v = dict_item(d, key);
   if (!v) raise(PyExc_ValueError, "channel: missing key '%s'", key);
   return v;
 }

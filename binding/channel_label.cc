@@ -48,23 +48,23 @@ Entry entry_from_dict(PyObject *d, size_t i) {
   const std::string where = "pythonlist[" + std::to_string(i) + "]";
   if (!PyDict_Check(d)) raise(PyExc_TypeError, "%s: expected a dict", where.c_str());
   Entry e{};
-  PyObject *channel = PyDict_GetItemString(d, "channel");
+  PyObject *channel = dict_item(d, "channel");
   if (!channel) raise(PyExc_ValueError, "%s: missing key 'channel'", where.c_str());
   e.channel = arg_u32(channel);
-  if (PyObject *v = PyDict_GetItemString(d, "vlan")) {
+  if (PyObject *v = dict_item(d, "vlan")) {
     const int vlan = arg_as_int(v);
     if (vlan < 0 || vlan > 0xFFFF)
       raise(PyExc_ValueError, "%s: vlan %d is not 0 to 65535", where.c_str(), vlan);
     e.vlan = static_cast<uint16_t>(vlan);
   }
-  if (PyObject *v = PyDict_GetItemString(d, "flags")) e.flags = arg_u32(v);
+  if (PyObject *v = dict_item(d, "flags")) e.flags = arg_u32(v);
   // The six addresses by their keys, in the record's order.
   static constexpr std::pair<const char *, uint32_t Entry::*> kAddresses[] = {
       {"int_address", &Entry::int_address}, {"int_gateway", &Entry::int_gateway},
       {"int_heartbeat", &Entry::int_heartbeat}, {"ext_address", &Entry::ext_address},
       {"ext_gateway", &Entry::ext_gateway}, {"ext_heartbeat", &Entry::ext_heartbeat}};
   for (const auto &[key, member] : kAddresses)
-    if (PyObject *v = PyDict_GetItemString(d, key)) e.*member = address(v, where + "." + key);
+    if (PyObject *v = dict_item(d, key)) e.*member = address(v, where + "." + key);
   return e;
 }
 

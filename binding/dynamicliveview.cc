@@ -10,7 +10,7 @@ namespace tqpy {
 namespace {
 
 void copy_text(PyObject *o, const char *attr, char *dest, size_t size) {
-  auto v = OwnedRef::check(PyObject_GetAttrString(o, attr));
+  auto v = get_attr(o, attr);
   const TextArg t(v.get(), attr);
   std::memcpy(dest, t.c_str(), std::min(t.view().size(), size - 1));
 }
@@ -45,9 +45,9 @@ OwnedList filter_list(PyObject *filters) {
   return build_list(filters, tqdb_api_dynamicliveview_filters_free, [](PyObject *o, OwnedList &l) {
     std::unique_ptr<Filter, FilterFree> f(tq_new_record<Filter>("pythonapi"));
     copy_text(o, "key", f->key, sizeof f->key);
-    auto op = OwnedRef::check(PyObject_GetAttrString(o, "operator"));
+    auto op = get_attr(o, "operator");
     f->op = static_cast<uint8_t>(arg_as_int(op.get()));
-    auto values = OwnedRef::check(PyObject_GetAttrString(o, "values"));
+    auto values = get_attr(o, "values");
     OwnedList vl = build_list(values.get(), release_with_records, [](PyObject *v, OwnedList &vs) {
       RecordPtr<Value> value(tq_new_record<Value>("pythonapi"));
       const TextArg t(v, "values");

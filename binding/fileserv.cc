@@ -18,8 +18,9 @@ namespace {
 ptrdiff_t reader_read(void *ctx, void *buf, size_t size) {
   PyObject *reader = static_cast<UploadSource *>(ctx)->reader;
   if (reader == nullptr) return -1;
-  PyObject *got = PyObject_CallMethod(reader, const_cast<char *>("read"), const_cast<char *>("n"),
-                                      static_cast<Py_ssize_t>(size));
+  PyObject *name = attr_name("read");
+  auto want = OwnedRef::steal(name ? PyLong_FromSsize_t(static_cast<Py_ssize_t>(size)) : nullptr);
+  PyObject *got = want ? PyObject_CallMethodObjArgs(reader, name, want.get(), nullptr) : nullptr;
   if (got == nullptr) return -1;
   const auto data = OwnedRef::steal(got);
   if (!compat::is_bytes(got)) {
@@ -42,8 +43,10 @@ bool writer_write(void *ctx, const void *buf, size_t size) {
   auto data = OwnedRef::steal(compat::bytes_new(static_cast<const char *>(buf),
                                                 static_cast<Py_ssize_t>(size)));
   if (!data) return false;
-  PyObject *r = PyObject_CallMethod(static_cast<PyObject *>(ctx), const_cast<char *>("write"),
-                                    const_cast<char *>("O"), data.get());
+  PyObject *name = attr_name("write");
+  PyObject *r = name ? PyObject_CallMethodObjArgs(static_cast<PyObject *>(ctx), name, data.get(),
+                                                  nullptr)
+                     : nullptr;
   Py_XDECREF(r);
   return r != nullptr;
 }
@@ -64,7 +67,7 @@ tqdb_api_transfer_input_t source_open(UploadSource &src, PyObject *input_file) {
     }
     return tqdb_api_transfer_input_file(src.file);
   }
-  if (!PyObject_HasAttrString(input_file, "read"))
+  if (!has_attr(input_file, "read"))
     raise(PyExc_TypeError,
           "argument 'input_file' must be a path or a binary file object, not %.200s",
           Py_TYPE(input_file)->tp_name);
@@ -85,7 +88,7 @@ OwnedRef download_handle(PyObject *args, PyObject *kwds, const char *func, Downl
   parse_args(args, kwds, func, names, 3, a);
   tqdb_api_msg_t *env = message_arg(a[0]);
   uint32_t insize = arg_u32(a[2]);
-  if (!PyObject_HasAttrString(a[1], "write"))
+  if (!has_attr(a[1], "write"))
     raise(PyExc_TypeError, "argument 'ifile' must be a writable binary file object, not %.200s",
           Py_TYPE(a[1])->tp_name);
   const int result = fn(env, {writer_write, a[1]}, &insize);

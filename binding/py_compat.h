@@ -193,6 +193,15 @@ inline long long int_as_ll(PyObject *o) {
 }
 
 // --- dicts ------------------------------------------------------------------------------
+// d[key] (borrowed), nullptr when absent; on Python 3 nullptr with an error
+// set when the lookup itself failed. (Python 2 cannot tell the two apart.)
+inline PyObject *dict_get(PyObject *d, PyObject *key) {
+#if TQ_PY3
+  return PyDict_GetItemWithError(d, key);
+#else
+  return PyDict_GetItem(d, key);
+#endif
+}
 // An empty dict with room for n keys, so that filling it never resizes it.
 inline PyObject *dict_presized(Py_ssize_t n) { return _PyDict_NewPresized(n); }
 

@@ -3,6 +3,7 @@
 #include <array>
 #include <cstring>
 #include <string>
+#include <unordered_map>
 
 namespace tqpy {
 
@@ -29,6 +30,44 @@ void parse_args(PyObject *args, PyObject *kwds, const char *func, const char *co
                                    &slot[6], &slot[7]))
     throw_python_error();
   std::copy_n(slot.begin(), n, out.begin());
+}
+
+PyObject *dict_item(PyObject *d, const char *key) {
+  auto k = OwnedRef::check(compat::text_from_bytes(key, static_cast<Py_ssize_t>(std::strlen(key))));
+  PyObject *v = compat::dict_get(d, k.get());
+  if (!v && PyErr_Occurred()) throw_python_error();
+  return v;
+}
+
+PyObject *attr_name(const char *name) {
+  static std::unordered_map<std::string, PyObject *> names;
+  try {
+    const auto it = names.find(name);
+    if (it != names.end()) return it->second;
+    PyObject *s = compat::text_intern(name);
+    if (s) names.emplace(name, s);
+    return s;
+  } catch (const std::bad_alloc &) {
+    return PyErr_NoMemory();
+  }
+}
+
+OwnedRef get_attr(PyObject *o, const char *name) {
+  PyObject *key = attr_name(name);
+  return OwnedRef::check(key ? PyObject_GetAttr(o, key) : nullptr);
+}
+
+bool has_attr(PyObject *o, const char *name) {
+  PyObject *key = attr_name(name);
+  if (!key) throw_python_error();
+  PyObject *v = PyObject_GetAttr(o, key);
+  if (v) {
+    Py_DECREF(v);
+    return true;
+  }
+  if (!PyErr_ExceptionMatches(PyExc_AttributeError)) throw_python_error();
+  PyErr_Clear();
+  return false;
 }
 
 void check_arg_type(PyObject *o, PyTypeObject *type, const char *argname, bool none_ok) {

@@ -143,6 +143,20 @@ void check_arg_type(PyObject *o, PyTypeObject *type, const char *argname, bool n
 // A C int, as the request functions take their integers.
 int arg_as_int(PyObject *o);
 
+// d[key] (borrowed), nullptr when d has no such key. Any other failure (no
+// memory for the key, a key that cannot be hashed) propagates instead of
+// reading as a missing key.
+PyObject *dict_item(PyObject *d, const char *key);
+// The interned str of an attribute name the binding looks up, kept for the
+// process: lookups by it hit the interpreter's attribute cache instead of
+// filling the cache with a new str on every call. nullptr with the error
+// set when it cannot be made (never throws: C callbacks use it).
+PyObject *attr_name(const char *name);
+// o.name; throws when it fails.
+OwnedRef get_attr(PyObject *o, const char *name);
+// Whether o has attribute name; failures other than AttributeError propagate.
+bool has_attr(PyObject *o, const char *name);
+
 // The bytes of a text argument as a C string: str (encoded UTF-8) or bytes
 // on Python 3, str or unicode on Python 2. Embedded NULs are refused, since
 // the request would silently carry only the part before them.

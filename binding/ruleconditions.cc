@@ -16,8 +16,8 @@ std::vector<tqdb_api_rule_condition_item_t> condition_items(PyObject *items) {
       type = OwnedRef::check(PySequence_GetItem(o, 0));
       id = OwnedRef::check(PySequence_GetItem(o, 1));
     } else {
-      type = OwnedRef::check(PyObject_GetAttrString(o, "conditiontype"));
-      id = OwnedRef::check(PyObject_GetAttrString(o, "objectid"));
+      type = get_attr(o, "conditiontype");
+      id = get_attr(o, "objectid");
     }
     out.push_back({static_cast<uint8_t>(arg_as_int(type.get())),
                    static_cast<uint32_t>(arg_as_int(id.get()))});

@@ -44,7 +44,7 @@ OwnedList limit_list(PyObject *limits, const char *key) {
 void shaping_limits_into(PyObject *limits, std::byte *record, CallState &st) {
   if (!PyDict_Check(limits)) raise_text(PyExc_TypeError, "limits must be a dict");
   for (const Direction &d : kDirections) {
-    PyObject *v = PyDict_GetItemString(limits, d.key);  // borrowed
+    PyObject *v = dict_item(limits, d.key);  // borrowed
     if (!v) continue;
     tq_list_t *l = st.keep(limit_list(v, d.key));
     std::memcpy(record + d.offset, &l, sizeof l);

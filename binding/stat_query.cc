@@ -76,7 +76,8 @@ struct Feed {
     const auto i = static_cast<size_t>(which);
     if (!looked_up[i]) {
       looked_up[i] = true;
-      PyObject *m = PyObject_GetAttrString(cb, kCbNames[i]);
+      PyObject *name = attr_name(kCbNames[i]);
+      PyObject *m = name ? PyObject_GetAttr(cb, name) : nullptr;
       if (!m) {
         if (!PyErr_ExceptionMatches(PyExc_AttributeError)) throw_python_error();
         PyErr_Clear();

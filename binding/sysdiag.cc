@@ -166,7 +166,7 @@ uint32_t level_update(tqdb_api_handle_t *h, uint32_t session, const char *oid, u
 
 // A key of a zone dict; nullptr when absent and optional.
 PyObject *zone_key(PyObject *d, const char *key, const char *where, bool required) {
-  PyObject *v = PyDict_GetItemString(d, key);
+  PyObject *v = dict_item(d, key);
   if (!v && required) raise(PyExc_ValueError, "%s: missing key '%s'", where, key);
   return v;
 }
