@@ -68,6 +68,12 @@ Areas::Areas(const Options &o) : max_file_bytes(o.max_file_bytes) {
   };
   for (const AreaType &t : kTypes) files.emplace_back(t, dir(t));
   backups = std::make_unique<Area>(kBackupType, dir(kBackupType));
+  // A simulator killed while writing a file leaves its temporary file in
+  // the area, where it would be listed as a file of its own.
+  if (!o.data_dir.empty()) {
+    for (const Area &a : files) remove_stale_temporaries(dir(a.type()));
+    remove_stale_temporaries(dir(kBackupType));
+  }
 }
 
 void Areas::drop_uploads_of(uint32_t conn) {

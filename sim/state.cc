@@ -405,6 +405,10 @@ void adopt(Resource &r, ResourceData &from) {
 }
 
 bool load_state(Store &store, const std::string &path, std::string &why) {
+  // A simulator killed while saving leaves its temporary file beside ours.
+  const auto slash = path.rfind('/');
+  remove_stale_temporaries(directory_of(path),
+                           slash == std::string::npos ? path : path.substr(slash + 1));
   std::string text;
   bool missing = false;
   if (!load_file(path, text, missing, why)) {

@@ -1,9 +1,14 @@
 #include "statefile.h"
 
-#include <cerrno>
-#include <cstring>
 #include <fcntl.h>
+#include <signal.h>
 #include <unistd.h>
+
+#include <cerrno>
+#include <charconv>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
 
 #include "util.h"
 
@@ -14,13 +19,6 @@ namespace {
 bool failed(std::string &why, std::string_view step, const std::string &file, int err) {
   why = std::string(step) + " " + file + ": " + std::strerror(err);
   return false;
-}
-
-std::string directory_of(const std::string &path) {
-  const auto slash = path.rfind('/');
-  if (slash == std::string::npos) return ".";
-  if (slash == 0) return "/";
-  return path.substr(0, slash);
 }
 
 bool write_all(int fd, std::string_view data) {
@@ -46,7 +44,44 @@ bool write_temporary(const std::string &tmp, std::string_view contents, std::str
   return true;
 }
 
+// The writer's pid when name is "<stem>.tmp.<pid>" (stem empty: any), else 0.
+pid_t temporary_owner(std::string_view name, std::string_view stem) {
+  constexpr std::string_view kTag = ".tmp.";
+  const auto tag = name.rfind(kTag);
+  if (tag == std::string_view::npos || tag == 0) return 0;
+  if (!stem.empty() && name.substr(0, tag) != stem) return 0;
+  const std::string_view digits = name.substr(tag + kTag.size());
+  pid_t pid = 0;
+  const auto [end, ec] = std::from_chars(digits.data(), digits.data() + digits.size(), pid);
+  return ec == std::errc() && end == digits.data() + digits.size() && pid > 0 ? pid : 0;
+}
+
+bool running(pid_t pid) { return pid == ::getpid() || ::kill(pid, 0) == 0 || errno == EPERM; }
+
 }  // namespace
+
+std::string directory_of(const std::string &path) {
+  const auto slash = path.rfind('/');
+  if (slash == std::string::npos) return ".";
+  if (slash == 0) return "/";
+  return path.substr(0, slash);
+}
+
+std::size_t remove_stale_temporaries(const std::string &dir, std::string_view stem) {
+  std::size_t removed = 0;
+  std::error_code ec;
+  for (std::filesystem::directory_iterator it(dir, ec), end; !ec && it != end; it.increment(ec)) {
+    const std::string name = it->path().filename().string();
+    const pid_t pid = temporary_owner(name, stem);
+    std::error_code kind;
+    if (pid == 0 || running(pid) || !it->is_regular_file(kind)) continue;
+    if (::unlink(it->path().c_str()) != 0) continue;
+    std::fprintf(stderr, "tqdbsim: removed %s, left half-written by process %d\n",
+                 it->path().c_str(), static_cast<int>(pid));
+    ++removed;
+  }
+  return removed;
+}
 
 bool save_atomically(const std::string &path, std::string_view contents, std::string &why) {
   const std::string tmp = path + ".tmp." + std::to_string(::getpid());

@@ -17,6 +17,16 @@ namespace tqsim {
 [[nodiscard]] bool save_atomically(const std::string &path, std::string_view contents,
                                    std::string &why);
 
+// Removes what save_atomically() leaves behind when the process dies between
+// creating its temporary file and renaming it: the regular files in dir
+// named "<stem>.tmp.<pid>" (any stem when stem is empty) whose pid is no
+// running process, each named on stderr. A missing dir is no error. Returns
+// how many were removed.
+std::size_t remove_stale_temporaries(const std::string &dir, std::string_view stem = {});
+
+// The directory part of path ("." when it has none).
+std::string directory_of(const std::string &path);
+
 // Reads the whole file. A file that does not exist is no error: missing is
 // set, contents emptied and true returned. Any other failure returns false
 // with why.

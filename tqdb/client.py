@@ -335,7 +335,9 @@ class Client(_core.Conversation):
 
     def reply(self, cid, timeout=None):
         msg = self._next(self._inbox(cid), timeout, 'request %d' % cid)
-        del self._pending[cid]
+        # A reply may arrive just before the connection is lost, which forgets
+        # every pending request: the reply is still the answer.
+        self._pending.pop(cid, None)
         if msg.get_type() in REFUSALS:
             raise refusal(msg)
         return msg
