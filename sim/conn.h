@@ -2,10 +2,11 @@
 //
 // A connection owns its socket, the transport's socket record (we are the
 // responder) and a client API handle used purely as the connection's two
-// byte queues with their pumps: requests are read and decrypted into the
-// handle's receive ring and cut into frames there; replies are framed into
-// its send ring and flushed by its write pump. Nothing here blocks; the
-// server's poll loop drives each step with what poll reported.
+// byte queues: requests are read and decrypted into the handle's receive
+// ring and cut into frames there; replies are framed into its send ring and
+// flushed by its write pump. A ring that runs empty gives its chunk back, so
+// an idle connection holds no buffer. Nothing here blocks; the server's
+// event loop drives each step with what the kernel reported.
 //
 //   Handshake --(transport established)--> Open --(error, peer gone)--> closed
 //
@@ -52,9 +53,9 @@ class Conn {
   Step handshake(bool can_read, bool can_write, std::string &why);
 
   // After the handshake. read() fills the receive ring until the socket
-  // would block; next_frame() takes one whole frame (null when none, with
-  // broken set when the stream is garbage); io_status() is the pumps'
-  // TQDB_API_IO_* outcome.
+  // has no more (a short read says so); next_frame() takes one whole frame
+  // (null when none, with broken set when the stream is garbage);
+  // io_status() is the pumps' TQDB_API_IO_* outcome.
   void read();
   Msg next_frame(bool &broken);
   uint32_t io_status() const { return tqdb_api_handle_io_status(h_.get()); }
@@ -64,12 +65,18 @@ class Conn {
   [[nodiscard]] bool queue(const tq_msg_t &m);
   bool wants_write() const { return tqdb_api_handle_want_write(h_.get()); }
   // Sends what the socket takes; false when the connection is broken.
-  [[nodiscard]] bool flush() { return tqdb_api_handle_write(h_.get()); }
+  [[nodiscard]] bool flush();
 
   Login login;
-  // Set when the connection is to be closed at the end of the poll round.
+  // Set when the connection is to be closed at the end of the loop's round.
   bool doomed = false;
   std::string doom_reason;
+  // The server's bookkeeping: the events the epoll set has for it, and
+  // whether it is already listed for the round's flush.
+  uint32_t watched = 0;
+  bool touched = false;
+  // Requests are waiting in its receive ring for its next turn.
+  bool backlogged = false;
 
  private:
   struct HandleFree {

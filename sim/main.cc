@@ -7,6 +7,7 @@
 // it cleanly (exit 0). Bad arguments, or a --state file that cannot be
 // read: a message on stderr, exit 2.
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -16,6 +17,7 @@
 #include "options.h"
 #include "server.h"
 #include "tq_log.h"
+#include "tq_ringbuf.h"
 #include "util.h"
 
 namespace {
@@ -41,6 +43,16 @@ bool install_stop_pipe(tqsim::UniqueFd &read_end, tqsim::UniqueFd &write_end) {
   sa.sa_handler = on_stop_signal;
   sigemptyset(&sa.sa_mask);
   return sigaction(SIGINT, &sa, nullptr) == 0 && sigaction(SIGTERM, &sa, nullptr) == 0;
+}
+
+// Every client is a descriptor: the usual soft limit of 1 024 would refuse
+// a fleet long before memory runs short, so take all the system allows.
+void raise_descriptor_limit() {
+  rlimit r{};
+  if (getrlimit(RLIMIT_NOFILE, &r) == 0 && r.rlim_cur < r.rlim_max) {
+    r.rlim_cur = r.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &r);
+  }
 }
 
 int serve(const tqsim::Options &opts, int stop_fd) {
@@ -77,6 +89,7 @@ int main(int argc, char **argv) {
 
   // A client that vanishes must cost us its connection, not the process.
   std::signal(SIGPIPE, SIG_IGN);
+  raise_descriptor_limit();
   tqsim::UniqueFd stop_read, stop_write;
   if (!install_stop_pipe(stop_read, stop_write)) {
     std::perror("tqdbsim: signals");
@@ -87,6 +100,9 @@ int main(int argc, char **argv) {
     std::fprintf(stderr, "tqdbsim: the library did not start\n");
     return 1;
   }
+  // Spare ring chunks are kept for reuse, but a client dropped with a full
+  // send queue must not leave its queue's worth of them behind for good.
+  tq_ringbuf_set_cache_limit(64);
   const int rc = serve(opts, stop_read.get());
   tq_lib_deinit();
   return rc;

@@ -1,6 +1,8 @@
 #include "server.h"
 
 #include <algorithm>
+#include <span>
+#include <utility>
 #include <arpa/inet.h>
 #include <cerrno>
 #include <cstdarg>
@@ -11,6 +13,7 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
+#include <sys/epoll.h>
 #include <sys/socket.h>
 #include <vector>
 
@@ -27,6 +30,12 @@ constexpr auto kAcceptBackoff = 100ms;
 constexpr int kPollTimeoutMs = 500;
 // Rows a running query may produce per round of the loop.
 constexpr std::size_t kQuerySlice = 256;
+// One connection's turn: at most this many requests, and no more once this
+// much time has gone (one request at least). A client that pipelines costly
+// requests gets them served over several rounds instead of holding every
+// other client up until its last one is answered.
+constexpr int kRequestsPerTurn = 64;
+constexpr auto kTurn = 2ms;
 // How long a restart waits for a client to take its notice.
 constexpr auto kRestartLinger = 2s;
 
@@ -107,7 +116,8 @@ bool Server::listen(std::string &why) {
     }
     const int one = 1;
     setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-    if (bind(fd.get(), ai->ai_addr, ai->ai_addrlen) != 0 || ::listen(fd.get(), 128) != 0) {
+    // A fleet may connect all at once: the longest backlog the system allows.
+    if (bind(fd.get(), ai->ai_addr, ai->ai_addrlen) != 0 || ::listen(fd.get(), SOMAXCONN) != 0) {
       why = format("cannot listen on %s:%u: %s", opts_.host.c_str(), opts_.port,
                    std::strerror(errno));
       continue;
@@ -127,60 +137,126 @@ bool Server::listen(std::string &why) {
   return false;
 }
 
+namespace {
+
+// epoll's flags are poll's on Linux, so a connection keeps speaking poll's.
+static_assert(EPOLLIN == POLLIN && EPOLLOUT == POLLOUT && EPOLLERR == POLLERR &&
+              EPOLLHUP == POLLHUP);
+// Tags of the two descriptors that are not connections; a connection's tag
+// is its address, valid until the end of the round that reaps it, after the
+// socket closed and left the epoll set.
+constexpr uint64_t kStopTag = 0;
+constexpr uint64_t kListenerTag = 1;
+constexpr int kEventsPerWait = 256;
+
+}  // namespace
+
+void Server::watch(int fd, uint64_t tag, uint32_t events, uint32_t &watched) {
+  if (events == watched) return;
+  epoll_event e{events, {.u64 = tag}};
+  const int op = watched == 0 ? EPOLL_CTL_ADD : events == 0 ? EPOLL_CTL_DEL : EPOLL_CTL_MOD;
+  if (epoll_ctl(epoll_.get(), op, fd, &e) == 0 || op == EPOLL_CTL_DEL) watched = events;
+}
+
+void Server::watch(Conn &c) {
+  if (!c.doomed)
+    watch(c.fd(), reinterpret_cast<uintptr_t>(&c), static_cast<uint16_t>(c.poll_events()), c.watched);
+}
+
+void Server::touch(Conn &c) {
+  if (c.touched) return;
+  c.touched = true;
+  touched_.push_back(&c);
+}
+
 bool Server::run(int stop_fd) {
-  std::vector<pollfd> fds;
-  std::vector<uint32_t> ids;
+  epoll_.reset(epoll_create1(EPOLL_CLOEXEC));
+  uint32_t stop_watched = 0, listener_watched = 0;
+  if (epoll_) watch(stop_fd, kStopTag, EPOLLIN, stop_watched);
+  if (!epoll_ || stop_watched == 0) {
+    std::fprintf(stderr, "tqdbsim: epoll: %s\n", std::strerror(errno));
+    return false;
+  }
+  std::vector<epoll_event> events(kEventsPerWait);
+  std::vector<std::pair<Conn *, short>> ready;
   for (;;) {
     const auto now = Conn::Clock::now();
-    fds.clear();
-    ids.clear();
-    fds.push_back({stop_fd, POLLIN, 0});
     const bool listening = now >= accept_paused_until_;
-    fds.push_back({listening ? listener_.get() : -1, POLLIN, 0});
-    for (const auto &[id, c] : conns_) {
-      fds.push_back({c->fd(), c->poll_events(), 0});
-      ids.push_back(id);
-    }
+    watch(listener_.get(), kListenerTag, listening ? uint32_t{EPOLLIN} : 0u, listener_watched);
 
-    // A query that may go on is stepped right after the poll; one waiting
+    // A query that may go on is stepped right after the wait; one waiting
     // for its client to read waits with the rest.
     const bool query_ready = std::ranges::any_of(queries_, [&](const auto &q) {
       auto it = conns_.find(q->conn());
       return it == conns_.end() || !it->second->wants_write();
     });
-    if (poll(fds.data(), fds.size(), query_ready ? 0 : kPollTimeoutMs) < 0) {
+    // What the last reaping sent (sessions that ended) goes out at once.
+    int timeout = query_ready || !touched_.empty() || !backlog_.empty() ? 0 : kPollTimeoutMs;
+    if (!listening)
+      timeout = std::min<int>(timeout, static_cast<int>(std::chrono::ceil<std::chrono::milliseconds>(
+                                                            accept_paused_until_ - now)
+                                                            .count()));
+    const int n = epoll_wait(epoll_.get(), events.data(), static_cast<int>(events.size()), timeout);
+    if (n < 0) {
       if (errno == EINTR) continue;
-      std::fprintf(stderr, "tqdbsim: poll: %s\n", std::strerror(errno));
+      std::fprintf(stderr, "tqdbsim: epoll_wait: %s\n", std::strerror(errno));
       return false;
     }
-    if (fds[0].revents != 0) return true;
-    if (fds[1].revents != 0) accept_all();
-
-    for (size_t i = 0; i < ids.size(); ++i) {
-      const short revents = fds[i + 2].revents;
-      auto it = conns_.find(ids[i]);
-      if (revents == 0 || it == conns_.end() || it->second->doomed) continue;
-      service(*it->second, revents);
+    // Connections are served in the order of their numbers, whatever order
+    // the kernel reported them in.
+    ready.clear();
+    bool accepting = false;
+    for (const epoll_event &e : std::span(events.data(), static_cast<size_t>(n))) {
+      if (e.data.u64 == kStopTag) return true;
+      if (e.data.u64 == kListenerTag)
+        accepting = true;
+      else
+        ready.emplace_back(static_cast<Conn *>(e.data.ptr), static_cast<short>(e.events));
+    }
+    if (accepting) accept_all();
+    std::ranges::sort(ready, {}, [](const auto &r) { return r.first->id(); });
+    for (const auto &[c, revents] : ready) {
+      if (c->doomed) continue;
+      service(*c, revents);
+      touch(*c);
+    }
+    // Then another turn for those whose requests were left over, in the
+    // order of their numbers (a connection also reported ready above had a
+    // turn already and keeps its place for the next round).
+    std::vector<uint32_t> turn = std::exchange(backlog_, {});
+    std::ranges::sort(turn);
+    for (const uint32_t id : turn) {
+      auto it = conns_.find(id);
+      if (it == conns_.end()) continue;
+      Conn &c = *it->second;
+      c.backlogged = false;
+      if (c.doomed) continue;
+      serve_frames(c);
+      touch(c);
     }
 
     pump_queries();
 
-    // Replies and notices queued this round go out now; poll only waits
-    // for what the socket did not take.
+    // Replies and notices queued this round go out now; the wait only
+    // covers what the socket did not take.
     const auto later = Conn::Clock::now();
-    for (auto &[id, c] : conns_) {
-      if (c->doomed) continue;
-      switch (c->phase()) {
-        case Conn::Phase::kHandshake:
-          if (later > c->handshake_deadline()) doom(*c, "handshake timed out");
-          break;
-        case Conn::Phase::kOpen:
-          if (c->wants_write() && !c->flush())
-            doom(*c, format("write failed (status %u, errno %d)", c->io_status(),
-                            c->io_errno()));
-          break;
-      }
+    std::erase_if(handshaking_, [&](uint32_t id) {
+      auto it = conns_.find(id);
+      if (it == conns_.end() || it->second->doomed) return true;
+      if (it->second->phase() != Conn::Phase::kHandshake) return true;
+      if (later <= it->second->handshake_deadline()) return false;
+      doom(*it->second, "handshake timed out");
+      return true;
+    });
+    for (Conn *const touched : touched_) {
+      Conn &c = *touched;
+      c.touched = false;
+      if (c.doomed) continue;
+      if (c.phase() == Conn::Phase::kOpen && c.wants_write() && !c.flush())
+        doom(c, format("write failed (status %u, errno %d)", c.io_status(), c.io_errno()));
+      watch(c);
     }
+    touched_.clear();
     std::erase_if(closing_, [&](const auto &entry) {
       auto it = conns_.find(entry.first);
       if (it == conns_.end()) return true;
@@ -218,6 +294,8 @@ void Server::accept_all() {
       continue;
     }
     log("connection %u from %s", id, c->peer().c_str());
+    watch(*c);
+    handshaking_.push_back(id);
     conns_.emplace(id, std::move(c));
   }
 }
@@ -249,6 +327,9 @@ void Server::service(Conn &c, short revents) {
         serve_frames(c);
         if (c.doomed) return;
         if (status == TQDB_API_IO_CLOSED) {
+          // Requests left for a later turn are still answered: the end of
+          // the stream is seen again once they are.
+          if (c.backlogged) return;
           // Answers to the last requests may still reach a half-closed peer.
           if (c.wants_write()) static_cast<void>(c.flush());
           return doom(c, "closed by peer");
@@ -256,15 +337,27 @@ void Server::service(Conn &c, short revents) {
         if (status == TQDB_API_IO_ERROR)
           return doom(c, format("read failed (errno %d)", c.io_errno()));
       }
-      if (can_write && c.wants_write() && !c.flush())
+      // Answers leave as soon as they are made, before the next connection
+      // is served: its queue drains and hands its chunk back at once, so a
+      // round with hundreds of busy clients needs a chunk or two, not one
+      // each (the spares beyond the cache's limit would be freed and made
+      // again every round).
+      if (c.wants_write() && !c.flush())
         doom(c, format("write failed (status %u, errno %d)", c.io_status(), c.io_errno()));
       return;
   }
 }
 
 void Server::serve_frames(Conn &c) {
-  for (;;) {
+  if (c.backlogged) return;  // its turn comes with the backlog's
+  const auto until = Conn::Clock::now() + kTurn;
+  for (int served = 0;; ++served) {
     if (closing_.contains(c.id())) return;  // restarting: requests go unanswered
+    if (served == kRequestsPerTurn || (served > 0 && Conn::Clock::now() >= until)) {
+      c.backlogged = true;
+      backlog_.push_back(c.id());
+      return;
+    }
     bool broken = false;
     Msg m = c.next_frame(broken);
     if (broken) return doom(c, "broken frame: the stream cannot be decrypted");
@@ -322,7 +415,8 @@ void Server::send_to_conn(uint32_t conn, Msg m) {
     std::fprintf(stderr, "tqdbsim: out of messages; connection %u dropped\n", conn);
     return doom(c, "out of messages");
   }
-  if (!c.queue(*m)) doom(c, "send queue full: the client does not read");
+  if (!c.queue(*m)) return doom(c, "send queue full: the client does not read");
+  touch(c);
 }
 
 void Server::send_to_session(uint32_t session, Msg m) {
@@ -330,20 +424,24 @@ void Server::send_to_session(uint32_t session, Msg m) {
 }
 
 void Server::doom(Conn &c, std::string reason) {
+  if (!c.doomed) doomed_.push_back(c.id());
   c.doomed = true;
   c.doom_reason = std::move(reason);
 }
 
 void Server::reap() {
-  for (auto it = conns_.begin(); it != conns_.end();) {
-    if (!it->second->doomed) {
-      ++it;
-      continue;
+  // In the order of their numbers; ending sessions may doom more.
+  while (!doomed_.empty()) {
+    std::vector<uint32_t> ids = std::exchange(doomed_, {});
+    std::ranges::sort(ids);
+    for (const uint32_t id : ids) {
+      auto it = conns_.find(id);
+      if (it == conns_.end()) continue;
+      log("connection %u closed: %s", id, it->second->doom_reason.c_str());
+      store_.end_sessions_of(id);
+      areas_.drop_uploads_of(id);
+      conns_.erase(it);  // closing the socket takes it out of the epoll set
     }
-    log("connection %u closed: %s", it->first, it->second->doom_reason.c_str());
-    store_.end_sessions_of(it->first);
-    areas_.drop_uploads_of(it->first);
-    it = conns_.erase(it);
   }
 }
 
