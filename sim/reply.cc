@@ -1,5 +1,7 @@
 #include "reply.h"
 
+#include <algorithm>
+
 #include "tqdb_api.h"
 
 namespace tqsim {
@@ -14,9 +16,19 @@ Msg with_header(uint32_t code, uint32_t session, uint32_t cid) {
   return m;
 }
 
+// A text that names what the client sent may be longer than the room left
+// in the message; it is cut to fit (count and NUL included) rather than
+// left out, which would leave a reply without its text.
+void put_text_cut(tq_msg_t *m, std::string_view text) {
+  constexpr uint32_t kFraming = 5;  // the u32 count and the NUL
+  const uint32_t room = tq_msg_free_bytes(m);
+  if (room < kFraming) return;
+  put_text(m, text.substr(0, std::min<std::size_t>(text.size(), room - kFraming)));
+}
+
 Msg with_text(uint32_t code, uint32_t session, uint32_t cid, std::string_view text) {
   Msg m = with_header(code, session, cid);
-  if (m) put_text(m.get(), text);
+  if (m) put_text_cut(m.get(), text);
   return m;
 }
 
@@ -60,20 +72,20 @@ Msg notice_detached(uint32_t session, std::string_view text) {
   Msg m(tq_msg_new(TQDB_REPLY_DETACHED));
   if (m) {
     tq_msg_put_uint32(m.get(), session);
-    put_text(m.get(), text);
+    put_text_cut(m.get(), text);
   }
   return m;
 }
 
 Msg notice_restarting(std::string_view reason) {
   Msg m(tq_msg_new(TQDB_REPLY_RESTARTING));
-  if (m) put_text(m.get(), reason);
+  if (m) put_text_cut(m.get(), reason);
   return m;
 }
 
 Msg notice_reloading(std::string_view reason) {
   Msg m(tq_msg_new(TQDB_REPLY_RELOADING));
-  if (m) put_text(m.get(), reason);
+  if (m) put_text_cut(m.get(), reason);
   return m;
 }
 

@@ -4,6 +4,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cstdio>
@@ -84,7 +85,13 @@ std::size_t remove_stale_temporaries(const std::string &dir, std::string_view st
 }
 
 bool save_atomically(const std::string &path, std::string_view contents, std::string &why) {
-  const std::string tmp = path + ".tmp." + std::to_string(::getpid());
+  // The temporary sits beside the file under the file's name, cut so that
+  // the suffix still fits a name's 255 bytes (a file name may use them all).
+  const std::string suffix = ".tmp." + std::to_string(::getpid());
+  const std::size_t base_at = path.rfind('/') + 1;  // npos + 1 == 0
+  constexpr std::size_t kNameMax = 255;
+  const std::size_t base = std::min(path.size() - base_at, kNameMax - suffix.size());
+  const std::string tmp = path.substr(0, base_at + base) + suffix;
   if (!write_temporary(tmp, contents, why)) {
     ::unlink(tmp.c_str());
     return false;
