@@ -217,20 +217,14 @@ TEST(SimLogsAndClock, ResetAndSystemTime) {
   if (sim_binary().empty()) GTEST_SKIP() << "TQDBSIM is not set";
   SimProcess sim;
   ASSERT_TRUE(sim.start({"--user", "admin:admin"}));
-  SimClient c;
-  ASSERT_TRUE(c.connect(sim.port()) && c.next() && tqdb_api_auth(c.h(), "admin", "admin"));
-  ASSERT_TRUE(c.next());
-  tqdb_api_session_new(c.h());
-  const uint32_t s = tqdb_api_session_new_handle(c.next().get());
-  const auto type_of = [&](uint32_t cid) {
-    EnvPtr env = c.next();
-    EXPECT_EQ(tqdb_api_msg_get_cid(env.get()), cid);
-    return tqdb_api_msg_get_type(env.get());
-  };
+  SimSession ss;
+  ASSERT_TRUE(ss.open(sim.port()));
+  SimClient &c = ss.c;
+  const uint32_t s = ss.s;
+  const auto type_of = [&](uint32_t cid) { return tqdb_api_msg_get_type(ss.take(cid).get()); };
   const auto tcp_level = [&] {
     uint32_t level = 99;
-    tqdb_api_log_facility_list(c.h(), s);
-    for (EnvPtr env = c.next(); env && env->type == TQDB_API_MSG_TYPE_DATA; env = c.next()) {
+    for (const EnvPtr &env : ss.many(tqdb_api_log_facility_list(c.h(), s))) {
       tq_list_t *l = tqdb_api_log_facility_list_handle(env.get(), nullptr);
       for (const auto &r : records<tqdb_api_log_level_t>(l))
         if (std::string(r.name) == "TCP") level = r.level;
@@ -247,9 +241,6 @@ TEST(SimLogsAndClock, ResetAndSystemTime) {
   EXPECT_EQ(tcp_level(), 6u);
 
   const uint64_t before = static_cast<uint64_t>(time(nullptr));
-  const uint32_t cid = tqdb_api_system_time(c.h(), s);
-  EnvPtr env = c.next();
-  ASSERT_EQ(tqdb_api_msg_get_cid(env.get()), cid);
-  const uint64_t t = tqdb_api_system_time_handle(env.get());
+  const uint64_t t = tqdb_api_system_time_handle(ss.take(tqdb_api_system_time(c.h(), s)).get());
   EXPECT_TRUE(t >= before && t <= before + 5) << t;
 }

@@ -1,5 +1,4 @@
 // The simulator's JSON reader/writer and its atomic state-file writer.
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -148,10 +147,7 @@ class StateFile : public ::testing::Test {
   void TearDown() override { std::filesystem::remove_all(dir_); }
   std::vector<std::string> entries() const {
     std::vector<std::string> names;
-    DIR *d = ::opendir(dir_.c_str());
-    while (const dirent *e = d ? ::readdir(d) : nullptr)
-      if (e->d_name[0] != '.') names.push_back(e->d_name);
-    if (d) ::closedir(d);
+    for (const auto &e : std::filesystem::directory_iterator(dir_)) names.push_back(e.path().filename());
     return names;
   }
   std::string dir_;

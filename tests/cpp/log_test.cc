@@ -2,18 +2,18 @@
 // level table exchanged with the appliance.
 #include <gtest/gtest.h>
 
-#include <cstring>
-#include <memory>
+#include <algorithm>
 #include <string>
 #include <vector>
 
 #include "support/log_capture.h"
+#include "support/wire.h"
 #include "tq_log.h"
 #include "tq_msg.h"
 
 namespace {
 
-using tqtest::re_escape;
+using namespace tqtest;
 
 // The facility table as the appliance documents it, kept apart from the
 // library's own table so that a slip there shows up.
@@ -32,59 +32,23 @@ unsigned default_level(const std::string &name) {
   return name == "DEBUG" ? 7 : 6;
 }
 
-// Builds level tables byte by byte, independently of the put primitives.
-struct wire {
-  std::vector<uint8_t> b;
-  wire &u8(uint8_t v) { b.push_back(v); return *this; }
-  wire &u16(uint16_t v) { return u8(uint8_t(v >> 8)).u8(uint8_t(v)); }
-  wire &str(const std::string &s) {
-    u16(0).u16(uint16_t(s.size() + 1));
-    b.insert(b.end(), s.begin(), s.end());
-    return u8(0);
-  }
-  wire &entry(const std::string &name, uint8_t level) { return str(name).u8(level); }
-};
-
-std::unique_ptr<tq_msg_t> make_msg(const std::vector<uint8_t> &bytes = {}) {
-  auto m = std::make_unique<tq_msg_t>();
-  tq_msg_init(m.get(), 0);
-  if (!bytes.empty()) std::memcpy(m->data, bytes.data(), bytes.size());
-  m->len = uint16_t(bytes.size());
-  return m;
-}
-
 const std::string kMismatch = "[General:Warning] Mismatch in number of expected log facilities. ";
 
+// Captured lines at the library's default levels and threshold.
 class Log : public ::testing::Test {
  protected:
-  std::vector<std::string> lines;
+  LogCapture capture;
+  std::vector<std::string> &lines = capture.lines;
 
-  static void sink(const char *line, void *ctx) {
-    static_cast<std::vector<std::string> *>(ctx)->push_back(line);
-  }
-  void SetUp() override {
-    tq_log_reset_levels();
-    tq_log_set_sink(&sink, &lines);
-    tq_log_set_stderr(false);
-  }
-  void TearDown() override {
-    tq_log_set_sink(nullptr, nullptr);
-    tq_log_set_stderr(true);
-    tq_log_reset_levels();
-  }
+  void SetUp() override { tq_log_reset_levels(); }
   void expect_all_levels(unsigned (*want)(const std::string &)) {
     for (unsigned i = 0; i < kNames.size(); ++i)
       EXPECT_EQ(tq_log_get_level(i), want(kNames[i])) << kNames[i];
   }
   bool logged(const std::string &line) const {
-    for (const auto &l : lines)
-      if (l == line) return true;
-    return false;
+    return std::find(lines.begin(), lines.end(), line) != lines.end();
   }
-  void expect_levels_read(const wire &w, bool ok) {
-    auto m = make_msg(w.b);
-    EXPECT_EQ(tq_log_msg_get(m.get()), ok);
-  }
+  void expect_levels_read(const Wire &w, bool ok) { EXPECT_EQ(tq_log_msg_get(make_msg(0, w).get()), ok); }
 };
 
 TEST_F(Log, PrintedLineAndThreshold) {
@@ -155,34 +119,34 @@ TEST_F(Log, FacilityLookup) {
 // applies exactly the entries wholly before the cut.
 TEST_F(Log, LevelTableBytesAndCutAtEveryPosition) {
   auto lvl = [](unsigned i) { return uint8_t((i * 4 + 1) % 9); };  // 0 to 8 all occur
-  wire w;
+  Wire w;
   w.u16(65);
   std::vector<size_t> name_end;  // offset just past each name's NUL
   for (unsigned i = 0; i < kNames.size(); ++i) {
     w.str(kNames[i]);
-    name_end.push_back(w.b.size());
+    name_end.push_back(w.size());
     w.u8(lvl(i));
     tq_log_set_level(i, lvl(i));
   }
-  auto put = make_msg();
+  auto put = make_msg(0, {});
   tq_log_msg_put(put.get());
-  ASSERT_EQ(std::vector<uint8_t>(put->data, put->data + put->len), w.b);
+  ASSERT_EQ(std::vector<uint8_t>(put->data, put->data + put->len), w.bytes());
 
-  for (size_t cut = 0; cut <= w.b.size(); ++cut) {
+  for (size_t cut = 0; cut <= w.size(); ++cut) {
     SCOPED_TRACE(cut);
     tq_log_reset_levels();
     tq_log_set_threshold(8);
     lines.clear();
     // The whole table sits in the buffer: only len may stop the reader.
-    auto m = make_msg(w.b);
+    auto m = make_msg(0, w);
     m->len = uint16_t(cut);
-    EXPECT_EQ(tq_log_msg_get(m.get()), cut == w.b.size());
+    EXPECT_EQ(tq_log_msg_get(m.get()), cut == w.size());
     EXPECT_LE(m->rpos, cut);
     size_t whole = 0;
     while (whole < name_end.size() && name_end[whole] < cut) ++whole;
     for (unsigned i = 0; i < 65; ++i)
       ASSERT_EQ(tq_log_get_level(i), i < whole ? lvl(i) : default_level(kNames[i])) << kNames[i];
-    if (cut == w.b.size()) {
+    if (cut == w.size()) {
       EXPECT_EQ(m->rpos, cut);
       continue;
     }
@@ -196,9 +160,9 @@ TEST_F(Log, LevelTableBytesAndCutAtEveryPosition) {
 
 TEST_F(Log, ReceivedTableOfOtherLength) {
   tq_log_set_threshold(8);
-  wire w;
-  w.u16(66).entry("Quantum", 2);  // the peer knows one facility more, sent first
-  for (const auto &n : kNames) w.entry(n, 7);
+  Wire w;
+  w.u16(66).str("Quantum").u8(2);  // the peer knows one facility more, sent first
+  for (const auto &n : kNames) w.str(n).u8(7);
   expect_levels_read(w, true);
   expect_all_levels([](const std::string &) { return 7u; });
   EXPECT_EQ(lines.front(), kMismatch + "Got=66 Expected=65. Continuing with those I got.");
@@ -211,12 +175,12 @@ TEST_F(Log, ReceivedTableOfOtherLength) {
   // Shorter: the rest keep their levels and a repeated name takes the later
   // level; a count of 0 succeeds at once.
   lines.clear();
-  expect_levels_read(wire{}.u16(2).entry("TCP", 1).entry("TCP", 3), true);
+  expect_levels_read(Wire().u16(2).str("TCP").u8(1).str("TCP").u8(3), true);
   EXPECT_EQ(tq_log_get_level(5), 3u);
   EXPECT_EQ(tq_log_get_level(6), 7u);
   EXPECT_EQ(lines.front(), kMismatch + "Got=2 Expected=65. Continuing with those I got.");
   lines.clear();
-  auto m = make_msg(wire{}.u16(0).entry("TCP", 0).b);
+  auto m = make_msg(0, Wire().u16(0).str("TCP").u8(0));
   EXPECT_TRUE(tq_log_msg_get(m.get()));
   EXPECT_EQ(m->rpos, 2);
   EXPECT_EQ(tq_log_get_level(5), 3u);
@@ -226,8 +190,8 @@ TEST_F(Log, ReceivedTableOfOtherLength) {
 TEST_F(Log, ReceivedEntriesSkipped) {
   tq_log_set_threshold(8);
   const std::string long_name(100, 'n');  // cut to 63 characters, unknown
-  auto m = make_msg(wire{}.u16(5).entry(long_name, 2).entry("TCP", 9).entry("Host", 8)
-                        .entry("", 1).entry("IPv4", 0).b);
+  auto m = make_msg(0, Wire().u16(5).str(long_name).u8(2).str("TCP").u8(9).str("Host").u8(8)
+                        .str("").u8(1).str("IPv4").u8(0));
   EXPECT_TRUE(tq_log_msg_get(m.get()));
   EXPECT_EQ(m->rpos, m->len);
   EXPECT_EQ(tq_log_get_level(5), 6u);
@@ -243,7 +207,7 @@ TEST_F(Log, ReceivedEntriesSkipped) {
   // One more and it is told.
   lines.clear();
   tq_log_set_level(TQ_LOG_FAC_GENERAL, 7);
-  expect_levels_read(wire{}.u16(65).entry("IPv4", 3), false);
+  expect_levels_read(Wire().u16(65).str("IPv4").u8(3), false);
   EXPECT_EQ(tq_log_get_level(3), 3u);
   EXPECT_EQ(lines, (std::vector<std::string>{"[General:Debug] Setting loglevel Error for [IPv4]",
                                              "[General:Error] Failed to read log facility name."}));
@@ -251,7 +215,7 @@ TEST_F(Log, ReceivedEntriesSkipped) {
   // Below 4 the warnings stay quiet, but the entries are still skipped.
   lines.clear();
   tq_log_set_level(TQ_LOG_FAC_GENERAL, 3);
-  expect_levels_read(wire{}.u16(2).entry("Nope", 1).entry("Host", 9), true);
+  expect_levels_read(Wire().u16(2).str("Nope").u8(1).str("Host").u8(9), true);
   EXPECT_TRUE(lines.empty());
   EXPECT_EQ(tq_log_get_level(4), 8u);
 }
@@ -300,7 +264,7 @@ TEST_F(LogDeathTest, LevelTableOutOfSpace) {
   tq_log_set_stderr(true);
   const std::string want =
       "/tq_log_msg_put(): tq_msg_free_bytes (msg) == 0  Out of space in tq_msg_t";
-  auto m = make_msg();
+  auto m = make_msg(0, {});
   m->len = uint16_t(TQ_MSG_MAX_DATA);
   EXPECT_DEATH(tq_log_msg_put(m.get()), "TQ-BUG at common/log\\.cc:[0-9]+" + re_escape(want));
   // Room for the count but not a whole entry: puts are dropped until full.

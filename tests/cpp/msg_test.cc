@@ -7,30 +7,25 @@
 #include <bit>
 #include <cstring>
 #include <iterator>
-#include <memory>
 #include <random>
 #include <string>
+#include <tuple>
 #include <type_traits>
 #include <vector>
 
+#include "support/wire.h"
 #include "tq_msg.h"
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
+using namespace tqtest;
 
-std::unique_ptr<tq_msg_t> make_msg(const Bytes &payload = {}) {
-  auto m = std::make_unique<tq_msg_t>();
-  tq_msg_init(m.get(), 0x20001);
-  std::copy(payload.begin(), payload.end(), m->data);
-  m->len = static_cast<uint16_t>(payload.size());
-  return m;
-}
+MsgPtr msg(const Bytes &payload = {}) { return make_msg(0x20001, payload); }
 
 Bytes written(const tq_msg_t *m) { return Bytes(m->data, m->data + m->len); }
 
 TEST(MsgPut, EveryKindHasItsExactWireBytes) {
-  auto m = make_msg();
+  auto m = msg();
   tq_msg_put_uint8(m.get(), 0xAB);
   tq_msg_put_int8(m.get(), -2);
   tq_msg_put_uint16(m.get(), 0x1234);
@@ -97,7 +92,7 @@ TEST(MsgPut, FitRulesAtTheLastByte) {
   };
   for (const Case &c : cases) {
     SCOPED_TRACE(c.what);
-    auto m = make_msg();
+    auto m = msg();
     c.put(m.get());
     const Bytes alone = written(m.get());
     ASSERT_EQ(alone.size(), c.width);
@@ -157,7 +152,7 @@ const Kind kKinds[] = {
 TEST(MsgGet, RandomSequencesRoundTrip) {
   std::mt19937_64 rng(20240611);
   for (int round = 0; round < 300; ++round) {
-    auto m = make_msg();
+    auto m = msg();
     std::vector<std::pair<const Kind *, uint64_t>> sent;
     for (int i = static_cast<int>(rng() % 40); i > 0; --i) {
       const Kind &k = kKinds[rng() % std::size(kKinds)];
@@ -201,7 +196,7 @@ TEST(MsgGet, StringsAreCutKeptOrSkipped) {
   for (const Case &c : cases) {
     Bytes wire = c.wire;
     wire.push_back(0x77);
-    auto m = make_msg(wire);
+    auto m = msg(wire);
     char buf[16];
     std::memset(buf, 'x', sizeof buf);
     ASSERT_TRUE(tq_msg_get_string_len(m.get(), buf, c.size)) << c.what;
@@ -210,7 +205,7 @@ TEST(MsgGet, StringsAreCutKeptOrSkipped) {
   }
 
   // The bytes behind the count are missing: the copied span is zeroed.
-  auto m = make_msg({0, 0, 0, 10, 'a', 'b', 'c'});
+  auto m = msg({0, 0, 0, 10, 'a', 'b', 'c'});
   char big[16];
   std::memset(big, 'x', sizeof big);
   EXPECT_FALSE(tq_msg_get_string_len(m.get(), big, sizeof big));
@@ -219,13 +214,13 @@ TEST(MsgGet, StringsAreCutKeptOrSkipped) {
   EXPECT_EQ(big[15], '\0');
 
   // The copy fits but the rest to skip is cut short.
-  m = make_msg({0, 0, 0, 10, 'a', 'b', 'c', 'd', 'e'});
+  m = msg({0, 0, 0, 10, 'a', 'b', 'c', 'd', 'e'});
   EXPECT_FALSE(tq_msg_get_string_len(m.get(), big, 4));
   EXPECT_STREQ(big, "abc");
 
   const Bytes hello = string_field("hello");
   for (size_t cut = 0; cut <= hello.size(); ++cut) {
-    m = make_msg(Bytes(hello.begin(), hello.begin() + static_cast<long>(cut)));
+    m = msg(Bytes(hello.begin(), hello.begin() + static_cast<long>(cut)));
     EXPECT_EQ(tq_msg_get_string_len(m.get(), big, sizeof big), cut == hello.size()) << cut;
   }
 }
@@ -245,7 +240,7 @@ TEST(MsgVarint, EncodingsAtTheirEdges) {
   };
   for (const Case &c : cases) {
     SCOPED_TRACE(testing::Message() << (&c.k - kKinds) << ": " << c.v);
-    auto m = make_msg();
+    auto m = msg();
     c.k.put(m.get(), c.v);
     EXPECT_EQ(written(m.get()), c.wire);
     uint64_t back = ~c.v;
@@ -257,7 +252,7 @@ TEST(MsgVarint, EncodingsAtTheirEdges) {
 TEST(MsgVarint, OverlongAndCutRunsFailWithoutConsuming) {
   // The fifth byte still continues: too long for 32 bits, fine for 64.
   const Bytes five_more = {0x80, 0x80, 0x80, 0x80, 0x81, 0x05};
-  auto m = make_msg(five_more);
+  auto m = msg(five_more);
   uint32_t u32 = 1;
   int32_t i32 = 1;
   EXPECT_FALSE(tq_msg_get_varuint32(m.get(), &u32));
@@ -269,14 +264,14 @@ TEST(MsgVarint, OverlongAndCutRunsFailWithoutConsuming) {
   EXPECT_TRUE(tq_msg_get_varuint64(m.get(), &u64));
   EXPECT_EQ(u64, uint64_t{0x85});
 
-  m = make_msg(Bytes(10, 0x80));
+  m = msg(Bytes(10, 0x80));
   m->data[m->len++] = 0x00;
   EXPECT_FALSE(tq_msg_get_varuint64(m.get(), &u64));
   EXPECT_EQ(m->rpos, 0);
 
   const Bytes full = {0x8F, 0xFF, 0xFF, 0xFF, 0x7F};
   for (size_t cut = 0; cut < full.size(); ++cut) {
-    m = make_msg(Bytes(full.begin(), full.begin() + static_cast<long>(cut)));
+    m = msg(Bytes(full.begin(), full.begin() + static_cast<long>(cut)));
     EXPECT_FALSE(tq_msg_get_varuint32(m.get(), &u32)) << cut;
     EXPECT_EQ(m->rpos, 0);
   }
@@ -315,28 +310,18 @@ TEST(MsgFields, EveryCodeInOneRunAndFailureAtEveryCut) {
                       0xA, 0xB, 0xC, 0x82, 0x2C, 0x03, 0x81, 0x00, 0x04,
                       0xEE, 0xEE, 0, 0, 0, 2, 0xEE, 0xEE, 0x5A};
   AllFields f;
-  auto m = make_msg(wire);
+  auto m = msg(wire);
   ASSERT_TRUE(f.read(m.get()));
   EXPECT_EQ(m->rpos, wire.size());
-  EXPECT_EQ(f.u8, 0xF1);
-  EXPECT_EQ(f.i8, -2);
-  EXPECT_EQ(f.u16, 0x1234);
-  EXPECT_EQ(f.i16, -32768);
-  EXPECT_EQ(f.u32, 7u);
-  EXPECT_EQ(f.i32, -7);
-  EXPECT_EQ(f.u64, 0x0102030405060708u);
-  EXPECT_EQ(f.i64, INT64_MIN);
-  EXPECT_STREQ(f.str, "longe");
-  EXPECT_EQ(Bytes(f.data, f.data + 3), (Bytes{0xA, 0xB, 0xC}));
-  EXPECT_EQ(f.vu32, 300u);
-  EXPECT_EQ(f.vi32, -2);
-  EXPECT_EQ(f.vu64, 128u);
-  EXPECT_EQ(f.vi64, 2);
-  EXPECT_EQ(f.tail, 0x5A);
+  EXPECT_EQ(std::tuple(f.u8, f.i8, f.u16, f.i16, f.u32, f.i32, f.u64, f.i64, std::string(f.str),
+                       Bytes(f.data, f.data + 3), f.vu32, f.vi32, f.vu64, f.vi64, f.tail),
+            std::tuple(uint8_t{0xF1}, int8_t{-2}, uint16_t{0x1234}, int16_t{-32768}, 7u, -7,
+                       uint64_t{0x0102030405060708}, INT64_MIN, std::string("longe"), Bytes{0xA, 0xB, 0xC},
+                       300u, -2, uint64_t{128}, int64_t{2}, uint8_t{0x5A}));
 
   for (size_t cut = 0; cut < wire.size(); ++cut) {
     AllFields g;
-    m = make_msg(Bytes(wire.begin(), wire.begin() + static_cast<long>(cut)));
+    m = msg(Bytes(wire.begin(), wire.begin() + static_cast<long>(cut)));
     EXPECT_FALSE(g.read(m.get())) << cut;
     EXPECT_EQ(g.u8, cut >= 1 ? 0xF1 : 0) << "fields before the failure keep their values";
   }
@@ -346,7 +331,7 @@ TEST(MsgFields, EveryCodeInOneRunAndFailureAtEveryCut) {
 using MsgDeathTest = testing::Test;
 
 TEST_F(MsgDeathTest, CheckedGettersNameTheirKindAndTheCaller) {
-  auto m = make_msg({1});
+  auto m = msg({1});
   uint32_t u32;
   const int line = __LINE__; auto read_u32 = [&] { tq_msg_get_uint32_checked(m.get(), &u32); };
   EXPECT_DEATH(read_u32(),
@@ -366,7 +351,7 @@ TEST_F(MsgDeathTest, CheckedGettersNameTheirKindAndTheCaller) {
 }
 
 TEST_F(MsgDeathTest, NullBufferAndMessage) {
-  auto m = make_msg({0, 0, 0, 1, 0});
+  auto m = msg({0, 0, 0, 1, 0});
   const std::string null_buf = "buf == \\(\\(void \\*\\)0\\)  \n";
   EXPECT_DEATH((void)tq_msg_get_data(m.get(), nullptr, 1),
                "TQ-BUG at include/tq_msg\\.h:[0-9]+/tq_msg_get_data\\(\\): " + null_buf);

@@ -8,7 +8,6 @@
 #include "support/sim_process.h"
 #include "support/wire.h"
 #include "tq_list.h"
-#include "tq_ringbuf.h"
 #include "tqdb_api.h"
 #include "tqdb_api_query.h"
 #include "tqdb_api_statreader.h"
@@ -117,17 +116,6 @@ TEST(SimStats, ListValuesFollowTheReplyMask) {
   }
 }
 
-TEST(SimStats, TopListIsOrderedAndHonoursMaxAndOffset) {
-  Sim sim({});
-  ASSERT_NE(sim.s, 0u);
-  auto all = sim.list(tqdb_api_statreader_top_list(sim.c.h(), sim.s, "", "", "", 0, kNetObject, kOut | kIn, 0, nullptr));
-  auto top = sim.list(tqdb_api_statreader_top_list(sim.c.h(), sim.s, "", "", "", 2, kNetObject, kOut | kIn, 1, nullptr));
-  ASSERT_EQ(all.size(), 4u);
-  ASSERT_EQ(top.size(), 2u);
-  for (size_t i = 1; i < all.size(); ++i) EXPECT_GE(all[i - 1].values[0], all[i].values[0]);
-  for (size_t i = 0; i < 2; ++i) EXPECT_STREQ(top[i].name, all[i + 1].name);
-}
-
 TEST(SimStats, GraphPointsSpanReplies) {
   Sim sim({"--max-reply-bytes", "100"});
   ASSERT_NE(sim.s, 0u);
@@ -166,13 +154,13 @@ TEST(SimStats, QueryStreamsOverManyReplies) {
   EXPECT_GT(st.data, st.rows / 4);
 }
 
+// Unknown tables and plain writes are refused in the Python suite; these are
+// the parser's own refusal, a schema write and a write behind a first statement.
 TEST(SimStats, BadQueriesAndWritesAreRefused) {
   Sim sim({});
   ASSERT_NE(sim.s, 0u);
   const std::pair<const char *, const char *> rows[] = {
-      {"SELECT * FROM nope", "ERROR no such table: nope"},
       {"SELEC 1", "ERROR near \"SELEC\": syntax error"},
-      {"DELETE FROM dates_t", "ERROR not authorized"},
       {"PRAGMA writable_schema = 1", "ERROR not authorized"},
       {"SELECT 1; DROP TABLE dates_t", "ERROR A query is one statement"},
   };
@@ -188,9 +176,7 @@ TEST(SimStats, MalformedBodiesAreAnsweredNotFatal) {
   Sim sim({});
   ASSERT_NE(sim.s, 0u);
   auto send = [&](uint32_t code, const Bytes &body) {
-    const Bytes f = frame(code, Wire().u32(sim.s).u32(9).raw(body));
-    EXPECT_EQ(tq_ringbuf_write(sim.c.h()->wbuf, f.data(), f.size()), f.size());
-    EnvPtr e = sim.c.next();
+    EnvPtr e = sim.raw(code, body);
     return e ? std::string(e->error) : "(none)";
   };
   const Bytes addr = Wire().str("").str("").str("NetObject-1").u16(0);
@@ -267,15 +253,6 @@ TEST(SimStats, ListGraphRecursiveListStringTableAndVersion) {
   EXPECT_EQ(tqdb_api_statreader_subscriber_count_handle(e.get()), 1u);
 }
 
-TEST(SimStats, RowLimitEndsWithANotice) {
-  Sim sim({"--query-max-rows", "5"});
-  ASSERT_NE(sim.s, 0u);
-  Stream st = query(sim, "SELECT date FROM stat_dates");
-  EXPECT_EQ(st.rows, 5);
-  EXPECT_EQ(st.events, "T11, Q:Query stopped: row limit of 5 rows reached C Z");
-  EXPECT_EQ(st.end, "OK");
-}
-
 TEST(SimStats, TimeLimitEndsWithANoticeAndOthersAreServedMeanwhile) {
   Sim sim({"--query-timeout-ms", "1500", "--query-max-rows", "100000000"});
   ASSERT_NE(sim.s, 0u);
@@ -293,25 +270,6 @@ TEST(SimStats, TimeLimitEndsWithANoticeAndOthersAreServedMeanwhile) {
   EnvPtr v = other.next(1000);
   ASSERT_TRUE(v);
   EXPECT_EQ(v->type, TQDB_API_MSG_TYPE_VERSION);
-}
-
-TEST(SimStats, InvalidateNeedsTheTransaction) {
-  Sim sim({});
-  ASSERT_NE(sim.s, 0u);
-  tqdb_api_statreader_data_invalidate(sim.c.h(), sim.s, "", "", "NetObject-1", 0, false);
-  EnvPtr e = sim.c.next();
-  ASSERT_TRUE(e);
-  EXPECT_STREQ(e->error, "No transaction open on resource 5 (statreader): begin one first");
-  tqdb_api_resource_begin(sim.c.h(), sim.s, TQDB_RESOURCE_STATREADER, 0);
-  sim.c.next();
-  tqdb_api_statreader_data_invalidate(sim.c.h(), sim.s, "", "", "NetObject-1", 0, false);
-  e = sim.c.next();
-  ASSERT_TRUE(e);
-  EXPECT_EQ(e->type, TQDB_API_MSG_TYPE_OK);
-  auto nodes = sim.list(tqdb_api_statreader_list(sim.c.h(), sim.s, "", "", "", kNetObject, kTotal, nullptr));
-  ASSERT_EQ(nodes.size(), 4u);
-  EXPECT_EQ(nodes[0].values[0], 0u);
-  EXPECT_NE(nodes[1].values[0], 0u);
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "support/log_capture.h"
 #include "tq_log.h"
 #include "tq_malloc.h"
 #include "tq_str.h"
@@ -155,17 +156,12 @@ TEST(Hexdump, LinesForEveryShapeOfLastLine) {
   EXPECT_EQ(lines[1].substr(0, 10) + lines[1].substr(51), "00000010: qrstuvwx yzabcdef");
   EXPECT_EQ(lines[2].substr(0, 10) + lines[2].substr(51), "00000020: ghijklmn ");
 
-  std::vector<std::string> logged;
-  tq_log_set_sink([](const char *l, void *c) { static_cast<std::vector<std::string> *>(c)->emplace_back(l); }, &logged);
-  tq_log_set_stderr(false);
-  tq_log_set_threshold(TQ_LOG_VERBOSE);
+  tqtest::LogCapture capture;
+  const std::vector<std::string> &logged = capture.lines;
   tq_log_hexdump(TQ_LOG_FAC_GENERAL, TQ_LOG_INFO, kBytes, 17);
   tq_log_hexdump(TQ_LOG_FAC_GENERAL, TQ_LOG_DEBUG, kBytes, 17);  // above "General"'s level
   const unsigned char pct[] = {'%', 's', '%', 'n'};              // text, not a format
   tq_log_hexdump(TQ_LOG_FAC_GENERAL, TQ_LOG_INFO, pct, sizeof pct);
-  tq_log_set_sink(nullptr, nullptr);
-  tq_log_set_stderr(true);
-  tq_log_reset_levels();
   ASSERT_EQ(logged.size(), 3u);
   EXPECT_EQ(logged[0], "[General:Info] " + full);
   EXPECT_EQ(logged[1], "[General:Info] 00000010: 71" + std::string(39, ' ') + "q");

@@ -7,6 +7,7 @@ import select
 import socket
 import struct
 import subprocess
+import sys
 import tempfile
 import time
 import unittest
@@ -15,7 +16,16 @@ import TQDBv17_1 as T
 import TQvindelv17_1 as V
 
 WAIT = 10.0
+HERE = os.path.dirname(os.path.abspath(__file__))
 _KEY = []
+
+
+def run_python(code):
+    """Runs code in a fresh interpreter (for what may crash); (status, output)."""
+    p = subprocess.Popen([sys.executable, '-c', 'import sys; sys.path.insert(0, %r)\n' % HERE + code],
+                         stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+    out = p.communicate()[0].decode('utf-8', 'replace')
+    return p.returncode, out
 
 
 def shared_key():
@@ -27,6 +37,10 @@ def shared_key():
 
 def u8(v):
     return struct.pack('>B', v)
+
+
+def u16(v):
+    return struct.pack('>H', v)
 
 
 def u32(v):
@@ -163,6 +177,44 @@ class Client(object):
 
     def session(self):
         return self.handle.session_new_handle(self.reply(self.handle.session_new()))
+
+
+class Admin(object):
+    """A client logged in as user, with one session (None when refused)."""
+
+    def __init__(self, sim, user='admin', pwd='admin'):
+        self.c = Client(sim.host, sim.port)
+        self.auth = self.c.login(user, pwd)
+        self.s = self.c.session() if self.auth is not None else None
+
+    def call(self, cid, want=T.MSG_TYPE_OK):
+        return self.c.call(cid, want)
+
+    def error(self, cid):
+        return self.c.call(cid, T.MSG_TYPE_ERROR).get_error()
+
+    def listing(self, name, *args):
+        """The converted answer of request name, through its own decoder."""
+        return self.c.listing(getattr(self.s, name)(*args), getattr(self.s, name + '_handle'))
+
+    def begin(self, resource):
+        return self.call(self.s.resource_begin(resource), T.MSG_TYPE_DATA)
+
+    def commit(self, text='change'):
+        return self.call(self.s.resource_commit(text), T.MSG_TYPE_DATA)
+
+
+class SimTest(unittest.TestCase):
+    """One simulator, started with sim_args, for all the tests of a class."""
+    sim_args = ()
+
+    @classmethod
+    def setUpClass(cls):
+        cls.sim = Simulator(*cls.sim_args)
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.sim.stop()
 
 
 class ScriptedPeer(object):

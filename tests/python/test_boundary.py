@@ -15,7 +15,7 @@ import TQDBv17_1 as T
 
 from simhelper import (REPLY_DATA, REPLY_OK, Client, ScriptedPeer, Simulator, frame, string,
                        u8, u32, u64)
-from test_binding import run_python
+from simhelper import run_python
 from tqdb import methods
 
 try:

@@ -1,43 +1,24 @@
 """Channels, channel labels and monitor interfaces end to end against tqdbsim."""
-import unittest
 
 import TQDBv17_1 as T
 
-from simhelper import Client, Simulator
+from simhelper import Admin, SimTest
 
-DATA, OK, ERROR, LOCK = T.MSG_TYPE_DATA, T.MSG_TYPE_OK, T.MSG_TYPE_ERROR, T.MSG_TYPE_LOCK
+DATA, ERROR, LOCK = T.MSG_TYPE_DATA, T.MSG_TYPE_ERROR, T.MSG_TYPE_LOCK
 CHANNELS = T.RESOURCE_CHANNELS
 DIVERT, MONITOR = T.CHANNEL_ROLE_DIVERT, T.CHANNEL_ROLE_MONITOR
 
 
-class Admin(object):
-    def __init__(self, sim):
-        self.c = Client(sim.host, sim.port)
-        self.c.login()
-        self.s = self.c.session()
-
-    def channels(self):
-        return self.c.listing(self.s.channel_list(), self.s.channel_list_handle)
-
-    def labels(self, cid):
-        return self.c.listing(cid, self.s.channel_label_list_handle)
-
-    def error(self, cid):
-        return self.c.call(cid, ERROR).get_error()
+def labels(a, cid):
+    return a.c.listing(cid, a.s.channel_label_list_handle)
 
 
-class ChannelsTest(unittest.TestCase):
-    @classmethod
-    def setUpClass(cls):
-        cls.sim = Simulator('--channels', '4')
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.sim.stop()
+class ChannelsTest(SimTest):
+    sim_args = ('--channels', '4')
 
     def test_channels(self):
         a, b = Admin(self.sim), Admin(self.sim)
-        chans = a.channels()
+        chans = a.listing('channel_list')
         self.assertEqual([(c['id'], c['internal'], c['external']) for c in chans],
                          [(k, 'eth%d' % (2 * k - 2), 'eth%d' % (2 * k - 1)) for k in (1, 2, 3, 4)])
         first = chans[0]
@@ -48,29 +29,29 @@ class ChannelsTest(unittest.TestCase):
                          (1, T.CHANNEL_ROLE_TRAFFIC, T.CHANNEL_TYPE_ENGINE))
         self.assertTrue(first['caps'] & T.CHANNEL_CAPS_LINK_TOGGLE)
         self.assertFalse(chans[3]['caps'] & T.CHANNEL_CAPS_AUTONEG)  # the fibre pair
-        a.c.call(a.s.resource_begin(CHANNELS), DATA)
-        a.c.call(a.s.channel_update(first, 'uplink', T.CHANNEL_MEDIA_1000FD,
+        a.begin(CHANNELS)
+        a.call(a.s.channel_update(first, 'uplink', T.CHANNEL_MEDIA_1000FD,
                                     T.CHANNEL_MEDIA_AUTO, T.CHANNEL_ROLE_DIVERT,
-                                    T.CHANNEL_DIRECTION_REVERSE), OK)
-        a.c.call(a.s.channel_set_active(id=2, active=0), OK)
-        self.assertEqual(b.channels(), chans)  # not committed yet
-        a.c.call(a.s.resource_commit('uplink'), DATA)
-        got = b.channels()
+                                    T.CHANNEL_DIRECTION_REVERSE))
+        a.call(a.s.channel_set_active(id=2, active=0))
+        self.assertEqual(b.listing('channel_list'), chans)  # not committed yet
+        a.commit()
+        got = b.listing('channel_list')
         self.assertEqual([got[0][k] for k in ('label', 'internal_media', 'external_media', 'role',
                                               'direction', 'active')],
                          ['uplink', T.CHANNEL_MEDIA_1000FD, 0, DIVERT, 1, 1])
         self.assertEqual(got[1]['active'], 0)
         # Without a transaction, and while another session holds the channels.
         self.assertIn('begin one first', a.error(a.s.channel_set_active(1, 0)))
-        b.c.call(b.s.resource_begin(CHANNELS), DATA)
-        self.assertEqual(a.c.call(a.s.channel_set_active(1, 0), LOCK).get_type(), LOCK)
-        b.c.call(b.s.resource_rollback(), OK)
+        b.begin(CHANNELS)
+        a.call(a.s.channel_set_active(1, 0), LOCK)
+        b.call(b.s.resource_rollback())
 
     def test_refusals(self):
         a = Admin(self.sim)
-        chans = a.channels()
+        chans = a.listing('channel_list')
         s, one, fibre = a.s, chans[0], chans[3]
-        a.c.call(s.resource_begin(CHANNELS), DATA)
+        a.begin(CHANNELS)
         rows = [
             (s.channel_update(dict(one, id=9), 'x', 0, 0, 1, 0), 'Unknown channel 9 (channels are 1 to 4)'),
             (s.channel_update(one, 'x' * 256, 0, 0, 1, 0), 'at most 255 bytes, not 256'),
@@ -92,22 +73,22 @@ class ChannelsTest(unittest.TestCase):
         self.assertRaises(ValueError, s.channel_label_channels_set, 1, [{'vlan': 1}])
         self.assertRaises(ValueError, s.channel_label_channels_set, 1,
                           [{'channel': 1, 'int_address': '10.0.0.300'}])
-        a.c.call(s.resource_rollback(), OK)
+        a.call(s.resource_rollback())
 
     def test_labels(self):
         a = Admin(self.sim)
         s = a.s
-        self.assertEqual(a.labels(s.channel_divert_label_list()), [])
-        a.c.call(s.resource_begin(CHANNELS), DATA)
-        d = s.channel_label_add_handle(a.c.call(s.channel_label_add(DIVERT, 'dpi', 5), DATA))
-        m = s.channel_label_add_handle(a.c.call(s.channel_label_add(MONITOR, 'dpi', 0), DATA))
+        self.assertEqual(labels(a, s.channel_divert_label_list()), [])
+        a.begin(CHANNELS)
+        d = s.channel_label_add_handle(a.call(s.channel_label_add(DIVERT, 'dpi', 5), DATA))
+        m = s.channel_label_add_handle(a.call(s.channel_label_add(MONITOR, 'dpi', 0), DATA))
         self.assertEqual(m, d + 1)
         self.assertIn("A divert label named 'dpi' exists already",
                       a.error(s.channel_label_add(DIVERT, 'dpi', 0)))
-        a.c.call(s.channel_label_rename(id=m, name='tap', flags=3), OK)
+        a.call(s.channel_label_rename(id=m, name='tap', flags=3))
         entry = {'channel': 2, 'vlan': 100, 'flags': 1, 'int_address': '192.0.2.1',
                  'ext_heartbeat': '198.51.100.254'}
-        a.c.call(s.channel_label_channels_set(d, [entry, {'channel': 1}]), OK)
+        a.call(s.channel_label_channels_set(d, [entry, {'channel': 1}]))
         rows = [
             ([{'channel': 5}], 'Unknown channel 5 (channels are 1 to 4)'),
             ([{'channel': 1, 'vlan': 4096}], 'VLAN 4096 of channel 1 is not 0 to 4095'),
@@ -115,7 +96,7 @@ class ChannelsTest(unittest.TestCase):
         ]
         for entries, error in rows:
             self.assertIn(error, a.error(s.channel_label_channels_set(m, entries)))
-        a.c.call(s.resource_commit('labels'), DATA)
+        a.commit()
         zero = '0.0.0.0'
         want = {'id': d, 'name': 'dpi', 'flags': 5, 'channels': [
             dict(channel=2, vlan=100, flags=1, int_address='192.0.2.1', int_gateway=zero,
@@ -123,21 +104,21 @@ class ChannelsTest(unittest.TestCase):
                  ext_heartbeat='198.51.100.254'),
             dict(channel=1, vlan=0, flags=0, int_address=zero, int_gateway=zero,
                  int_heartbeat=zero, ext_address=zero, ext_gateway=zero, ext_heartbeat=zero)]}
-        self.assertEqual(a.labels(s.channel_divert_label_list()), [want])
-        self.assertEqual(a.labels(s.channel_label_list(DIVERT)), [want])
-        self.assertEqual(a.labels(s.channel_monitor_label_list()),
+        self.assertEqual(labels(a, s.channel_divert_label_list()), [want])
+        self.assertEqual(labels(a, s.channel_label_list(DIVERT)), [want])
+        self.assertEqual(labels(a, s.channel_monitor_label_list()),
                          [{'id': m, 'name': 'tap', 'flags': 3, 'channels': []}])
         # Destroy empties the list object; it can be filled again.
         l = s.channel_label_list_handle(a.c.answer(s.channel_divert_label_list())[0], None)
         self.assertIsNone(s.channel_label_list_destroy(l))
         self.assertEqual(l.convert(None), [])
         self.assertRaises(TypeError, s.channel_label_list_destroy, None)
-        a.c.call(s.resource_begin(CHANNELS), DATA)
-        a.c.call(s.channel_label_remove(d), OK)
-        a.c.call(s.channel_label_remove(m), OK)
-        a.c.call(s.resource_commit('gone'), DATA)
-        self.assertEqual(a.labels(s.channel_divert_label_list()), [])
-        self.assertIsNone(s.channel_label_add_handle(a.c.call(s.channel_label_remove(d), ERROR)))
+        a.begin(CHANNELS)
+        a.call(s.channel_label_remove(d))
+        a.call(s.channel_label_remove(m))
+        a.commit()
+        self.assertEqual(labels(a, s.channel_divert_label_list()), [])
+        self.assertIsNone(s.channel_label_add_handle(a.call(s.channel_label_remove(d), ERROR)))
 
     def test_monitor_interfaces(self):
         a = Admin(self.sim)
@@ -148,7 +129,3 @@ class ChannelsTest(unittest.TestCase):
                          [(k + 1, 'mon%d' % k) for k in range(5)])
         self.assertEqual(both[0][4], {'id': 5, 'description': 'Spare monitor port',
                                       'iface': 'mon4', 'media': T.CHANNEL_MEDIA_1000FD})
-
-
-if __name__ == '__main__':
-    unittest.main()

@@ -1,38 +1,22 @@
 """Configuration, services, features, log facilities, restart and reload end to
 end against tqdbsim."""
 import time
-import unittest
 
 import TQDBv17_1 as T
 
-from simhelper import WAIT, Client, Simulator
+from simhelper import WAIT, Admin, SimTest
 
 DATA, OK, ERROR, LOCK = T.MSG_TYPE_DATA, T.MSG_TYPE_OK, T.MSG_TYPE_ERROR, T.MSG_TYPE_LOCK
 CONFIG, LOGS = T.RESOURCE_CONFIG, T.RESOURCE_LOGS
 RESTARTING, RELOADING = 9, 10
 
 
-class Admin(object):
-    """A logged-in client with one session."""
+def config(a):
+    return dict((v['key'], v) for v in a.listing('config_list'))
 
-    def __init__(self, sim):
-        self.c = Client(sim.host, sim.port)
-        self.c.login()
-        self.s = self.c.session()
 
-    def call(self, cid, want=OK):
-        return self.c.call(cid, want)
-
-    def config(self):
-        return dict((v['key'], v) for v in
-                    self.c.listing(self.s.config_list(), self.s.config_list_handle))
-
-    def services(self):
-        return dict((v['name'], v) for v in
-                    self.c.listing(self.s.services_list(), self.s.services_list_handle))
-
-    def levels(self):
-        return self.c.listing(self.s.log_facility_list(), self.s.log_facility_list_handle)
+def service_map(a):
+    return dict((v['name'], v) for v in a.listing('services_list'))
 
 
 def notices_then_gone(client, msg_type):
@@ -47,19 +31,12 @@ def notices_then_gone(client, msg_type):
     raise AssertionError('the connection stayed open')
 
 
-class ConfigTest(unittest.TestCase):
-    @classmethod
-    def setUpClass(cls):
-        cls.sim = Simulator('--features',
-                            str(T.FEATURES_FW | T.FEATURES_SHAPING | T.FEATURES_MONITOR))
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.sim.stop()
+class ConfigTest(SimTest):
+    sim_args = ('--features', str(T.FEATURES_FW | T.FEATURES_SHAPING | T.FEATURES_MONITOR))
 
     def test_values_categories_flags(self):
         a, b = Admin(self.sim), Admin(self.sim)
-        values = a.config()
+        values = config(a)
         self.assertEqual(sorted(values['system.dns']),
                          sorted(['key', 'value', 'default', 'category', 'description', 'type',
                                  'flags']))
@@ -68,16 +45,16 @@ class ConfigTest(unittest.TestCase):
                           'system.support_token')],
                          [T.CONFIG_TYPE_STRING, T.CONFIG_TYPE_IPADDRESS, T.CONFIG_TYPE_INTEGER,
                           T.CONFIG_TYPE_FLOAT, T.CONFIG_TYPE_BOOLEAN, T.CONFIG_TYPE_INVISIBLE])
-        categories = a.c.listing(a.s.config_category_list(), a.s.config_category_list_handle)
-        flags = a.c.listing(a.s.config_flags_list(), a.s.config_flags_list_handle)
+        categories = a.listing('config_category_list')
+        flags = a.listing('config_flags_list')
         self.assertTrue(set(v['category'] for v in values.values()) <=
                         set(c['name'] for c in categories))
         readonly = [f['flag'] for f in flags if f['name'] == 'readonly'][0]
         self.assertTrue(values['system.serial']['flags'] & readonly)
 
-        m = a.call(a.s.config_set('system.dns', '192.0.2.1'), ERROR)
-        self.assertIn('No transaction open on resource 4 (config)', m.get_error())
-        a.call(a.s.resource_begin(CONFIG), DATA)
+        self.assertIn('No transaction open on resource 4 (config)',
+                      a.error(a.s.config_set('system.dns', '192.0.2.1')))
+        a.begin(CONFIG)
         self.assertIn('is locked by',
                       b.call(b.s.config_set('network.mtu', '9000'), LOCK).get_error())
         for key, value, why in [('shaping.max_rate', '12x', "takes an integer, not '12x'"),
@@ -87,14 +64,13 @@ class ConfigTest(unittest.TestCase):
                                 ('system.serial', 'X', 'is read-only'),
                                 ('no.such.key', '1', "Unknown configuration key 'no.such.key'"),
                                 ('system.hostname', 'h' * 256, 'at most 255 bytes, not 256')]:
-            self.assertIn(why, a.call(a.s.config_set(teh_key=key, teh_value=value),
-                                      ERROR).get_error())
+            self.assertIn(why, a.error(a.s.config_set(teh_key=key, teh_value=value)))
         for key, value in [('system.dns', '2001:db8::53'), ('shaping.max_rate', '-5'),
                            ('stats.enabled', '0'), ('system.hostname', 'h' * 255)]:
             a.call(a.s.config_set(key, value))
-        self.assertEqual(b.config()['system.dns']['value'], '192.0.2.53')  # not committed
-        a.call(a.s.resource_commit('dns'), DATA)
-        seen = b.config()
+        self.assertEqual(config(b)['system.dns']['value'], '192.0.2.53')  # not committed
+        a.commit()
+        seen = config(b)
         self.assertEqual([seen[k]['value'] for k in ('system.dns', 'shaping.max_rate',
                                                       'stats.enabled')],
                          ['2001:db8::53', '-5', 'false'])
@@ -102,26 +78,26 @@ class ConfigTest(unittest.TestCase):
 
     def test_services(self):
         a, b = Admin(self.sim), Admin(self.sim)
-        before = a.services()
+        before = service_map(a)
         self.assertEqual(sorted(before['sshd']), ['description', 'enabled', 'name', 'running'])
         self.assertIs(before['sshd']['running'], True)
         props = a.c.answer(a.s.services_prop_list())
         self.assertEqual([m.get_type() for m in props][-1], OK)
         a.call(a.s.services_cmd({'sshd': 'stop', 'snmpd': 'enable'},
                                 {('sshd', 'port'): '2222'}))
-        after = b.services()
+        after = service_map(b)
         self.assertEqual((after['sshd']['running'], after['snmpd']['enabled']), (False, True))
         for services, props, why in [({'nosuch': 'start'}, None, "Unknown service 'nosuch'"),
                                      ({'sshd': 'explode'}, None, "Unknown command 'explode'"),
                                      ({}, {('sshd', 'colour'): 'red'}, "has no property 'colour'")]:
-            self.assertIn(why, a.call(a.s.services_cmd(services, props), ERROR).get_error())
-        self.assertEqual(b.services(), after)  # nothing of a refused command applies
+            self.assertIn(why, a.error(a.s.services_cmd(services, props)))
+        self.assertEqual(service_map(b), after)  # nothing of a refused command applies
         self.assertRaises(TypeError, a.s.services_cmd, {'sshd': 'stop'}, {'sshd': 'x'})
-        b.call(b.s.resource_begin(CONFIG), DATA)
-        self.assertEqual(a.call(a.s.services_cmd({'sshd': 'start'}), LOCK).get_type(), LOCK)
+        b.begin(CONFIG)
+        a.call(a.s.services_cmd({'sshd': 'start'}), LOCK)
         b.call(b.s.services_cmd(services={'sshd': 'start'}))
         b.call(b.s.resource_rollback())
-        self.assertIs(a.services()['sshd']['running'], False)
+        self.assertIs(service_map(a)['sshd']['running'], False)
 
     def test_features(self):
         a = Admin(self.sim)
@@ -133,7 +109,7 @@ class ConfigTest(unittest.TestCase):
 
     def test_log_facilities(self):
         a, b = Admin(self.sim), Admin(self.sim)
-        levels = a.levels()
+        levels = a.listing('log_facility_list')
         self.assertEqual(len(levels), 65)
         self.assertEqual([l['index'] for l in levels], list(range(65)))
         named = dict((l['name'], l['level']) for l in levels)
@@ -141,15 +117,15 @@ class ConfigTest(unittest.TestCase):
                           levels[64]['name']),
                          (T.INFO, T.WARNING, T.DEBUG, 'I40E'))
         self.assertIn('No transaction open on resource 9 (logs)',
-                      a.call(a.s.log_facility_set_level('TCP', 8), ERROR).get_error())
-        a.call(a.s.resource_begin(LOGS), DATA)
+                      a.error(a.s.log_facility_set_level('TCP', 8)))
+        a.begin(LOGS)
         a.call(a.s.log_facility_set_level(facility='TCP', level=T.VERBOSE))
         self.assertIn("Unknown log facility 'Nope'",
-                      a.call(a.s.log_facility_set_level('Nope', 3), ERROR).get_error())
+                      a.error(a.s.log_facility_set_level('Nope', 3)))
         self.assertIn('Log level 9 is out of range',
-                      a.call(a.s.log_facility_set_level('TCP', 9), ERROR).get_error())
-        a.call(a.s.resource_commit('verbose tcp'), DATA)
-        self.assertEqual([l['level'] for l in b.levels() if l['name'] == 'TCP'], [T.VERBOSE])
+                      a.error(a.s.log_facility_set_level('TCP', 9)))
+        a.commit()
+        self.assertEqual([l['level'] for l in b.listing('log_facility_list') if l['name'] == 'TCP'], [T.VERBOSE])
 
     def test_reload_notice(self):
         a, b = Admin(self.sim), Admin(self.sim)
@@ -161,19 +137,14 @@ class ConfigTest(unittest.TestCase):
         self.assertEqual(a.s.ping_handle(a.call(a.s.ping('still here'), DATA)), 'still here')
 
 
-class RestartTest(unittest.TestCase):
-    def setUp(self):
-        self.sim = Simulator()
-
-    def tearDown(self):
-        self.sim.stop()
+class RestartTest(SimTest):
 
     def test_restart_keeps_committed_state(self):
         a, b = Admin(self.sim), Admin(self.sim)
-        a.call(a.s.resource_begin(CONFIG), DATA)
+        a.begin(CONFIG)
         a.call(a.s.config_set('system.hostname', 'kept'))
-        a.call(a.s.resource_commit('hostname'), DATA)
-        a.call(a.s.resource_begin(CONFIG), DATA)
+        a.commit()
+        a.begin(CONFIG)
         a.call(a.s.config_set('system.hostname', 'lost'))
         b.s.restart(reason='upgrade')
         for who in (b, a):  # b first: its loop sends the request
@@ -182,12 +153,8 @@ class RestartTest(unittest.TestCase):
             self.assertIsNone(who.s.reloading_handle(notices[0]))
             self.assertEqual(error, 'Disconnected')
         c = Admin(self.sim)  # the same port
-        self.assertEqual(c.config()['system.hostname']['value'], 'kept')
-        c.call(c.s.resource_begin(CONFIG), DATA)  # the lock went with the connection
+        self.assertEqual(config(c)['system.hostname']['value'], 'kept')
+        c.begin(CONFIG)  # the lock went with the connection
         c.s.restart()
         notices, _ = notices_then_gone(c.c, RESTARTING)
         self.assertEqual([c.s.restarting_handle(m) for m in notices], [''])
-
-
-if __name__ == '__main__':
-    unittest.main()

@@ -1,11 +1,10 @@
 """The connection log end to end against tqdbsim: every search agrees with
 the whole log filtered here, over answers cut into many replies."""
 import time
-import unittest
 
 import TQDBv17_1 as T
 
-from simhelper import Client, Simulator
+from simhelper import Client, SimTest
 
 ORDER = ['starttime', 'endtime', 'server', 'serverport', 'client', 'clientport', 'service',
          'serverhostname', 'protocol', 'netobject', 'natclient', 'natclientport', 'natserver',
@@ -26,19 +25,16 @@ def day_of(t):
     return time.strftime('%Y-%m-%d', time.gmtime(t))
 
 
-class ConnlogTest(unittest.TestCase):
+class ConnlogTest(SimTest):
+    sim_args = ('--connlog-entries', '300', '--stats-seed', '5', '--max-reply-bytes', '700')
+
     @classmethod
     def setUpClass(cls):
-        cls.sim = Simulator('--connlog-entries', '300', '--stats-seed', '5',
-                            '--max-reply-bytes', '700')
+        super(ConnlogTest, cls).setUpClass()
         cls.c = Client(cls.sim.host, cls.sim.port)
         cls.c.login()
         cls.s = cls.c.session()
         cls.all = cls.search()
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.sim.stop()
 
     @classmethod
     def search(cls, **f):
@@ -96,7 +92,3 @@ class ConnlogTest(unittest.TestCase):
         m = self.c.call(self.s.connlog_search(client='10.1.0.300'), T.MSG_TYPE_ERROR)
         self.assertEqual(m.get_error(), "Bad address '10.1.0.300' for client")
         self.assertRaises(TypeError, self.s.connlog_search, hostname='x')
-
-
-if __name__ == '__main__':
-    unittest.main()

@@ -5,22 +5,16 @@ import io
 import os
 import socket
 import tempfile
-import unittest
 
 import TQDBv17_1 as T
 
-from simhelper import Client, Simulator
+from simhelper import Admin, SimTest
 
 DATA, OK, ERROR = T.MSG_TYPE_DATA, T.MSG_TYPE_OK, T.MSG_TYPE_ERROR
 AREA = T.FILESERV_ID_HOSTTRIGGER  # written and downloaded
 
 
-class Operator(object):
-    def __init__(self, sim):
-        self.c = Client(sim.host, sim.port)
-        assert self.c.login() is not None
-        self.s = self.c.session()
-
+class Operator(Admin):
     def push(self, up, handle, cont):
         """Drives an upload to its end; the data and finish requests' ids."""
         assert up.cid != 0, 'not queued'
@@ -47,31 +41,23 @@ class Operator(object):
         return insize, out.getvalue()
 
     def files(self, area=AREA):
-        return dict((f['name'], f) for f in
-                    self.c.listing(self.s.fileserv_list(area), self.s.fileserv_list_handle))
+        return dict((f['name'], f) for f in self.listing('fileserv_list', area))
 
     def backups(self):
-        return dict((b['path'], b) for b in
-                    self.c.listing(self.s.backup_list(), self.s.backup_list_handle))
+        return dict((b['path'], b) for b in self.listing('backup_list'))
 
     def add_object(self, name):
-        self.c.call(self.s.resource_begin(T.RESOURCE_RULESET), DATA)
-        self.c.call(self.s.object_add(T.OBJECT_TYPE_NETOBJECT, name, 0), DATA)
-        self.c.call(self.s.resource_commit(name), DATA)
+        self.begin(T.RESOURCE_RULESET)
+        self.call(self.s.object_add(T.OBJECT_TYPE_NETOBJECT, name, 0), DATA)
+        self.commit(name)
 
 
-class FilesTest(unittest.TestCase):
-    @classmethod
-    def setUpClass(cls):
-        cls.sim = Simulator('--max-reply-bytes', '300')
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.sim.stop()
+class FilesTest(SimTest):
+    sim_args = ('--max-reply-bytes', '300')
 
     def test_upload_download_and_remove(self):
         op = Operator(self.sim)
-        types = op.c.listing(op.s.fileserv_types(), op.s.fileserv_types_handle)
+        types = op.listing('fileserv_types')
         self.assertEqual([(t['id'], sorted(t)) for t in types],
                          [(i, ['flags', 'id', 'name']) for i in range(11)])
         body = os.urandom(70000)  # three data messages
@@ -95,7 +81,7 @@ class FilesTest(unittest.TestCase):
             os.remove(path)
         self.assertEqual(op.fetch(op.s.fileserv_download(AREA, 'small.txt'),
                                   op.s.fileserv_download_handle), (5, b'small'))
-        op.c.call(op.s.fileserve_remove(AREA, 'round.bin'), OK)
+        op.call(op.s.fileserve_remove(AREA, 'round.bin'))
         self.assertNotIn('round.bin', op.files())
         self.assertIn('No file', op.fetch(op.s.fileserv_download(AREA, 'round.bin'),
                                           op.s.fileserv_download_handle)[1])
@@ -112,7 +98,7 @@ class FilesTest(unittest.TestCase):
         a, b = Operator(self.sim), Operator(self.sim)
         up = a.s.fileserve_upload(AREA, 'cut.bin', io.BytesIO(os.urandom(70000)))
         a.s.fileserve_upload_handle_data(a.c.call(up.cid, DATA), up)
-        a.c.call(a.s.fileserve_upload_continue(up), OK)
+        a.call(a.s.fileserve_upload_continue(up))
         self.assertEqual(up.state, 2)
         s = socket.fromfd(a.c.vindel.fileno(), socket.AF_INET, socket.SOCK_STREAM)
         s.shutdown(socket.SHUT_RDWR)
@@ -123,14 +109,8 @@ class FilesTest(unittest.TestCase):
         self.assertEqual(b.files()['cut.bin']['size'], 5)
 
 
-class BackupsTest(unittest.TestCase):
-    @classmethod
-    def setUpClass(cls):
-        cls.sim = Simulator('--max-reply-bytes', '300')
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.sim.stop()
+class BackupsTest(SimTest):
+    sim_args = ('--max-reply-bytes', '300')
 
     def test_dump_list_download_upload_restore_remove(self):
         a = Operator(self.sim)
@@ -147,16 +127,12 @@ class BackupsTest(unittest.TestCase):
 
         a.add_object('later')
         b = Operator(self.sim)
-        a.c.call(a.s.backup_restore('bk1-copy', T.RESOURCE_RULESET), OK)
+        a.call(a.s.backup_restore('bk1-copy', T.RESOURCE_RULESET))
         b.c.wait_type(T.MSG_TYPE_BCAST_COMMIT)
-        objects = b.c.listing(b.s.object_list(T.OBJECT_TYPE_NETOBJECT), b.s.object_list_handle)
+        objects = b.listing('object_list', T.OBJECT_TYPE_NETOBJECT)
         self.assertEqual([o['name'] for o in objects], ['kept'])
         for n in ('bk1', 'bk1-copy'):
-            a.c.call(a.s.backup_remove(n), OK)
+            a.call(a.s.backup_remove(n))
         self.assertEqual(a.backups(), {})
         m = a.c.reply(a.s.backup_download('bk1'))
         self.assertEqual(a.s.backup_download_handle(m, io.BytesIO(), 0), (0, 0))
-
-
-if __name__ == '__main__':
-    unittest.main()

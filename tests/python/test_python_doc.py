@@ -1,18 +1,7 @@
-"""Every Python example of docs/python.md, run against the simulator.
-
-How the guide's code blocks are read (the guide says the same to its readers):
-- ```python blocks run on Python 3; ```python py2 blocks on Python 2.7 too;
-  ```python asyncio blocks on 3.8+ only. ```sh blocks are commands, never run.
-- A ```text block right after a Python block is what that block prints,
-  compared exactly.
-- The blocks of one "## " section run in order in one namespace, a script in
-  pieces, which starts with HOST and PORT of a simulator of the section's own
-  (so no section depends on what another one changed), in a scratch working
-  directory of its own.
-- On Python 2.7 a section runs its py2 blocks only: the guide keeps a py2
-  block independent of the Python 3 blocks before it.
-Each section is a test of its own, named after the heading.
-"""
+"""Every Python example of docs/python.md, run against the simulator, by the
+rules the guide gives its readers for its code blocks: one test per "## "
+section, whose blocks run in order in one namespace with a simulator and a
+scratch directory of its own; a ```text block is the output of the block before."""
 import __future__
 import collections
 import io
@@ -112,6 +101,3 @@ with io.open(GUIDE, encoding='utf-8') as _f:
     for _n, (_heading, _blocks) in enumerate(sections(_f.read())):
         setattr(GuideTest, 'test_%02d_%s' % (_n, re.sub(r'\W+', '_', _heading.lower()).strip('_')),
                 _test(_blocks))
-
-if __name__ == '__main__':
-    unittest.main()

@@ -1,4 +1,5 @@
 """Decoders against exact reply bytes from a scripted peer."""
+import contextlib
 import errno
 import sys
 import traceback
@@ -25,22 +26,18 @@ def method_names(exc_info):
     return [f[2] for f in traceback.extract_tb(exc_info[2])]
 
 
-class Captured(object):
+@contextlib.contextmanager
+def captured(name, remove=False):
     """sys.<name> replaced by a StringIO (or removed) for the block."""
-
-    def __init__(self, name, remove=False):
-        self.name, self.remove, self.buf = name, remove, StringIO()
-
-    def __enter__(self):
-        self.saved = getattr(sys, self.name)
-        if self.remove:
-            delattr(sys, self.name)
-        else:
-            setattr(sys, self.name, self.buf)
-        return self.buf
-
-    def __exit__(self, *exc):
-        setattr(sys, self.name, self.saved)
+    saved, buf = getattr(sys, name), StringIO()
+    if remove:
+        delattr(sys, name)
+    else:
+        setattr(sys, name, buf)
+    try:
+        yield buf
+    finally:
+        setattr(sys, name, saved)
 
 
 class RepliesTest(unittest.TestCase):
@@ -94,7 +91,7 @@ class RepliesTest(unittest.TestCase):
                 want, line = (2 ** 64 - 1, 0), 42
             else:
                 want, line = (2 ** 64 - 1, 5), None
-            with Captured('stdout') as out:
+            with captured('stdout') as out:
                 self.assertEqual(self.h.auth_handle(m), want, k)
                 if line:  # the callback fires once per message
                     self.h.auth_handle(m)
@@ -111,13 +108,13 @@ class RepliesTest(unittest.TestCase):
             saved = sys.unraisablehook
             sys.unraisablehook = lambda u: reported.append(repr(u.exc_value))
             try:
-                with Captured('stdout', remove=True):
+                with captured('stdout', remove=True):
                     self.assertEqual(self.h.auth_handle(m), (0, 0))
             finally:
                 sys.unraisablehook = saved
         else:
-            with Captured('stderr') as err:
-                with Captured('stdout', remove=True):
+            with captured('stderr') as err:
+                with captured('stdout', remove=True):
                     self.assertEqual(self.h.auth_handle(m), (0, 0))
             reported.append(err.getvalue())
         self.assertEqual(len(reported), 1)
@@ -250,7 +247,3 @@ class RepliesTest(unittest.TestCase):
         with self.assertRaises(IOError) as ctx:
             self.h.readmsg()
         self.assertEqual(str(ctx.exception), str(errno.ECONNRESET))
-
-
-if __name__ == '__main__':
-    unittest.main()

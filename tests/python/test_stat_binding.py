@@ -6,11 +6,7 @@ import unittest
 
 import TQDBv17_1 as T
 
-from simhelper import REPLY_DATA, ScriptedPeer, frame, string, u8, u32, u64
-
-
-def u16(v):
-    return struct.pack('>H', v)
+from simhelper import REPLY_DATA, ScriptedPeer, frame, string, u8, u16, u32, u64
 
 
 def data(body, cid=1):
@@ -162,7 +158,3 @@ class StatBindingTest(unittest.TestCase):
         self.assertEqual([g[0] for g in rec.got], ['row_desc_cb'])  # nothing after the error
         self.assertRaises(KeyError, self.s.stat_query_handle_msg, None,
                           self.peer.reply(data(Z, cid)), rec)
-
-
-if __name__ == '__main__':
-    unittest.main()

@@ -3,11 +3,10 @@ Session checked against the same store read through stat_query and its
 views; a stream over many replies, refused queries, the row limit and
 invalidation."""
 import sys
-import unittest
 
 import TQDBv17_1 as T
 
-from simhelper import Client, Simulator
+from simhelper import Admin, SimTest
 
 DATA, OK, ERROR = T.MSG_TYPE_DATA, T.MSG_TYPE_OK, T.MSG_TYPE_ERROR
 NETOBJ, HOST, LINK = (T.STATISTICS_VALUETYPE_NETOBJECT, T.STATISTICS_VALUETYPE_HOST,
@@ -48,12 +47,7 @@ class Stream(object):
         self.frames += 'Z'
 
 
-class Operator(object):
-    def __init__(self, sim):
-        self.c = Client(sim.host, sim.port)
-        assert self.c.login() is not None
-        self.s = self.c.session()
-
+class Operator(Admin):
     def query(self, sql):
         """(stream, the reply that ended the answer, the number of DATA replies)."""
         st, msgs = Stream(), self.c.answer(self.s.stat_query(sql))
@@ -80,22 +74,15 @@ class Operator(object):
     def nodes(self, where, col='name'):
         return [r[0] for r in self.sql('SELECT %s FROM stat_nodes WHERE %s' % (col, where))]
 
-    def listing(self, name, *args):
-        return self.c.listing(getattr(self.s, name)(*args), getattr(self.s, name + '_handle'))
-
     def single(self, name, *args):
         return getattr(self.s, name + '_handle')(self.c.call(getattr(self.s, name)(*args), DATA))
 
 
-class StatsTest(unittest.TestCase):
-    @classmethod
-    def setUpClass(cls):
-        cls.sim = Simulator('--max-reply-bytes', '300')
-        cls.op = Operator(cls.sim)
+class StatsTest(SimTest):
+    sim_args = ('--max-reply-bytes', '300')
 
-    @classmethod
-    def tearDownClass(cls):
-        cls.sim.stop()
+    def setUp(self):
+        self.op = Operator(self.sim)
 
     def test_lists_agree_with_the_views(self):
         op = self.op
@@ -193,13 +180,11 @@ class StatsTest(unittest.TestCase):
             self.assertEqual((end.get_type(), end.get_error(), replies), (ERROR, why, 0), sql)
 
 
-class LimitsTest(unittest.TestCase):
-    def setUp(self):
-        self.sim = Simulator('--query-max-rows', '5')
-        self.op = Operator(self.sim)
+class LimitsTest(SimTest):
+    sim_args = ('--query-max-rows', '5')
 
-    def tearDown(self):
-        self.sim.stop()
+    def setUp(self):
+        self.op = Operator(self.sim)
 
     def test_row_limit_notice(self):
         st, end, _ = self.op.query('SELECT path FROM stat_nodes')
@@ -210,7 +195,7 @@ class LimitsTest(unittest.TestCase):
         op, c, s = self.op, self.op.c, self.op.s
         refused = c.call(s.stat_data_invalidate('', '', 'NetObject-2', 0, False), ERROR)
         self.assertIn('resource 5', refused.get_error())
-        c.call(s.resource_begin(T.RESOURCE_STATREADER), DATA)
+        op.begin(T.RESOURCE_STATREADER)
         c.call(s.stat_data_invalidate('', '', 'NetObject-2', 0, False), OK)
         got = op.single('stat_transfer_get', '', '', 'NetObject-2', 0, IN | OUT)
         self.assertEqual(got[0]['values'], [0, 0])
@@ -220,7 +205,3 @@ class LimitsTest(unittest.TestCase):
         gone = c.call(s.stat_transfer_get('', '', 'NetObject-2', 0, IN), ERROR)
         self.assertEqual(gone.get_error(), "No statistics node at 'NetObject-2'")
         self.assertEqual(op.nodes("path LIKE 'NetObject-2%'"), [])
-
-
-if __name__ == '__main__':
-    unittest.main()

@@ -1,10 +1,9 @@
 """System diagnostics end to end against tqdbsim: zones and their values,
 levels in a transaction, alerts, the log, memory usage, refusals."""
-import unittest
 
 import TQDBv17_1 as T
 
-from simhelper import Client, Simulator
+from simhelper import Client, SimTest
 
 DATA, OK, ERROR = T.MSG_TYPE_DATA, T.MSG_TYPE_OK, T.MSG_TYPE_ERROR
 CPU = {'name': 'cpu', 'systemid': 0, 'values': [
@@ -12,19 +11,17 @@ CPU = {'name': 'cpu', 'systemid': 0, 'values': [
     {'name': 'state', 'type': T.SYSDIAG_ZONE_TYPE_ENUM, 'flags': T.SYSDIAG_ZONE_FLAGS_HIDDEN}]}
 
 
-class SysdiagTest(unittest.TestCase):
+class SysdiagTest(SimTest):
+    sim_args = ('--max-reply-bytes', '200')
+
     @classmethod
     def setUpClass(cls):
-        cls.sim = Simulator('--max-reply-bytes', '200')
+        super(SysdiagTest, cls).setUpClass()
         cls.c = Client(cls.sim.host, cls.sim.port)
         assert cls.c.login() is not None
         cls.s = cls.c.session()
         cls.c.call(cls.s.sysdiag_zone_register(CPU), OK)
         cls.c.call(cls.s.sysdiag_zone_register({'name': 'disk', 'values': []}), OK)
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.sim.stop()
 
     def listing(self, method, *args):
         s = self.s
@@ -134,7 +131,3 @@ class SysdiagTest(unittest.TestCase):
                           ({'name': 'x' * 64, 'values': []}, ValueError),
                           ({'name': 'x', 'values': [{'type': 1}]}, ValueError)):
             self.assertRaises(exc, self.s.sysdiag_zone_register, zone)
-
-
-if __name__ == '__main__':
-    unittest.main()

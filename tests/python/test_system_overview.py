@@ -1,46 +1,28 @@
 """The system overview end to end against tqdbsim: announcing, listing, graphs,
 system information, deleting, and the lock rules of resource 13."""
 import time
-import unittest
 
 import TQDBv17_1 as T
 
-from simhelper import Client, Simulator
+from simhelper import Admin, SimTest
 
 DATA, OK, ERROR, LOCK = T.MSG_TYPE_DATA, T.MSG_TYPE_OK, T.MSG_TYPE_ERROR, T.MSG_TYPE_LOCK
 OVERVIEW = T.RESOURCE_SYSTEM_OVERVIEW
 
 
-class Peer(object):
-    def __init__(self, sim):
-        self.c = Client(sim.host, sim.port)
-        self.c.login()
-        self.s = self.c.session()
-
-    def call(self, cid, want=OK):
-        return self.c.call(cid, want)
-
+class Peer(Admin):
     def systems(self):
-        return self.c.listing(self.s.system_overview_list(), self.s.system_overview_list_handle)
+        return self.listing('system_overview_list')
 
     def announce(self, sid, name, want=OK):
         return self.call(self.s.system_overview_announce(sid, name, '17.1', 'r42', 'a' * 32,
                                                          'PL-1000'), want)
 
 
-class SystemOverviewTest(unittest.TestCase):
-    @classmethod
-    def setUpClass(cls):
-        cls.sim = Simulator()
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.sim.stop()
-
+class SystemOverviewTest(SimTest):
     def test_templates(self):
         p = Peer(self.sim)
-        ts = p.c.listing(p.s.system_overview_template_list(),
-                         p.s.system_overview_template_list_handle)
+        ts = p.listing('system_overview_template_list')
         self.assertEqual(sorted(ts[0].keys()), sorted(['templateid', 'name', 'type', 'flags',
                                                        'vtype', 'zone', 'id', 'descstr', 'ttype']))
         self.assertEqual(set(t['ttype'] for t in ts),
@@ -69,12 +51,10 @@ class SystemOverviewTest(unittest.TestCase):
                                (9, 'n' * 65, 'A system name has at most 64 bytes, not 65')]:
             self.assertEqual(p.announce(sid, name, ERROR).get_error(), why)
         # Delete needs the transaction.
-        self.assertIn('begin one first', p.call(p.s.system_overview_system_delete(7), ERROR)
-                      .get_error())
-        p.call(p.s.resource_begin(OVERVIEW), DATA)
+        self.assertIn('begin one first', p.error(p.s.system_overview_system_delete(7)))
+        p.begin(OVERVIEW)
         p.call(p.s.system_overview_system_delete(7))
-        self.assertIn('Unknown system 7', p.call(p.s.system_overview_system_delete(7), ERROR)
-                      .get_error())
+        self.assertIn('Unknown system 7', p.error(p.s.system_overview_system_delete(7)))
         p.call(p.s.resource_rollback())
         self.assertIn(7, [s['systemid'] for s in p.systems()])
 
@@ -83,14 +63,14 @@ class SystemOverviewTest(unittest.TestCase):
         self.assertRaises(TypeError, a.s.system_overview_sysinfo_add_system, 'fw1', ['k'])
         self.assertRaises(ValueError, a.s.system_overview_sysinfo_add_system, 'fw1',
                           {'k': 'v' * 1024})
-        a.call(a.s.resource_begin(OVERVIEW), DATA)
+        a.begin(OVERVIEW)
         a.call(a.s.system_overview_sysinfo_add_system('fw1', {'serial': 'X1', 'rack': '4'}))
         a.call(a.s.system_overview_sysinfo_add_system('fw0', {}))
         # Another session is kept out of the overview while a holds it.
-        self.assertEqual(b.announce(11, 'other', LOCK).get_type(), LOCK)
-        self.assertEqual(b.call(b.s.system_overview_sysinfo_get_system('fw1'), ERROR)
-                         .get_error(), "No system information for 'fw1'")
-        a.call(a.s.resource_commit('info'), DATA)
+        b.announce(11, 'other', LOCK)
+        self.assertEqual(b.error(b.s.system_overview_sysinfo_get_system('fw1')),
+                         "No system information for 'fw1'")
+        a.commit()
         names = None
         for _ in range(2):  # two answers decoded into one list
             names = b.s.system_overview_sysinfo_list_systems_handle(
@@ -105,7 +85,3 @@ class SystemOverviewTest(unittest.TestCase):
         self.assertEqual(b.s.system_overview_list_handle(m, None).convert(None), [])
         self.assertEqual(b.s.system_overview_sysinfo_list_systems_handle(m, lst=names), names)
         self.assertRaises(TypeError, b.s.system_overview_sysinfo_list_systems_handle, m, [])
-
-
-if __name__ == '__main__':
-    unittest.main()

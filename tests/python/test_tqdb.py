@@ -52,12 +52,6 @@ class MethodTableTest(unittest.TestCase):
                 self.assertTrue(hasattr(owner, row.decoder.split('.')[-1]), row.decoder)
             self.assertFalse(row.read_only and row.shape == methods.OK, row.name)
 
-    def test_read_only_rule(self):
-        for name, read_only in [('object_list', True), ('ping', True), ('sysdiag_zone_get', True),
-                                ('stat_graph_invalidate', False), ('object_add', False),
-                                ('resource_begin', False), ('config_set', False)]:
-            self.assertEqual(methods.REQUESTS[name].read_only, read_only, name)
-
 
 class ShapesTest(SimCase):
     def test_answer_shapes(self):
@@ -219,7 +213,3 @@ class RestartTest(SimCase):
             db.resource_begin(tqdb.RESOURCE_RULESET)     # a change is never sent twice
         db.reconnect()
         db.resource_begin(tqdb.RESOURCE_RULESET)
-
-
-if __name__ == '__main__':
-    unittest.main()

@@ -126,7 +126,3 @@ class AioCase(unittest.TestCase):
         self.assertIsInstance(got[targets[1]], tqdb.ConnectionLost)
         self.assertIsInstance(got[targets[2]], tqdb.Timeout)
         self.assertLess(took, 2.0)
-
-
-if __name__ == '__main__':
-    unittest.main()

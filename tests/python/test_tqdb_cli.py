@@ -150,7 +150,3 @@ class CommandsTest(CliCase):
             watcher.join(0.2)
         self.assertEqual(got[0][0], 0, got)
         self.assertIn(': seen by watch', got[0][1])
-
-
-if __name__ == '__main__':
-    unittest.main()

@@ -3,7 +3,6 @@ import io
 import os
 import shutil
 import tempfile
-import unittest
 
 import tqdb
 from tqdb.tree import Tree
@@ -140,7 +139,3 @@ class TreeTest(SimCase):
         self.assertEqual(tree.paths(), ['/n1', '/n1/n2'])
         self.assertEqual([n.id for n in tree.orphans], [3, 4, 5, 6])
         self.assertEqual(len(tree), 2)
-
-
-if __name__ == '__main__':
-    unittest.main()

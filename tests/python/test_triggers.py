@@ -7,7 +7,7 @@ import unittest
 
 import TQDBv17_1 as T
 
-from simhelper import Client, Simulator
+from simhelper import Admin, Simulator
 
 DATA, OK, ERROR = T.MSG_TYPE_DATA, T.MSG_TYPE_OK, T.MSG_TYPE_ERROR
 HOST, CONNPROT = T.RESOURCE_HOSTTRIGGER, T.RESOURCE_CONNPROT_TRIGGER
@@ -23,25 +23,12 @@ def limits(trigtype=T.HOSTTRIGGER_TRIGTYPE_HOST, netobject=0, out_ttls=-5):
             trigtype]
 
 
-class Triggers(object):
-    """A logged-in client with one session."""
-
-    def __init__(self, sim):
-        self.c = Client(sim.host, sim.port)
-        self.c.login()
-        self.s = self.c.session()
-
-    def begin(self, resource):
-        self.c.call(self.s.resource_begin(resource), DATA)
-
-    def commit(self):
-        self.c.call(self.s.resource_commit('triggers'), DATA)
-
+class Triggers(Admin):
     def hosts(self):
-        return self.c.listing(self.s.hosttrigger_list(), self.s.hosttrigger_list_handle)
+        return self.listing('hosttrigger_list')
 
     def connprots(self):
-        return self.c.listing(self.s.connprot_trigger_list(), self.s.connprot_trigger_list_handle)
+        return self.listing('connprot_trigger_list')
 
     def add_host(self, name, script='h.sh', **kw):
         m = self.c.call(self.s.hosttrigger_add(name, script, *limits(**kw)), DATA)
@@ -83,8 +70,8 @@ class TriggersTest(unittest.TestCase):
         self.assertEqual(got[0], dict(zip(HOST_KEYS, [a, 'trig-a', 'h.sh'] + limits())))
         # Update by keyword: script and thresholds change, the name stays.
         new = dict(zip(LIMITS, limits(T.HOSTTRIGGER_TRIGTYPE_HOST_IN_NETOBJECT, lan, 9)))
-        t.c.call(t.s.hosttrigger_update(id=b, script='b2.sh', **new), OK)
-        t.c.call(t.s.hosttrigger_remove(a), OK)
+        t.call(t.s.hosttrigger_update(id=b, script='b2.sh', **new))
+        t.call(t.s.hosttrigger_remove(a))
         t.commit()
         got = [x for x in t.hosts() if x['name'].startswith('trig-')]
         self.assertEqual(got, [dict(new, id=b, name='trig-b', script='b2.sh')])
@@ -95,9 +82,9 @@ class TriggersTest(unittest.TestCase):
         t.begin(CONNPROT)
         a = t.add_connprot('cp-a')
         b = t.add_connprot('cp-b', 'b.sh')
-        t.c.call(t.s.connprot_trigger_update(a, 'a2.sh'), OK)
-        t.c.call(t.s.connprot_trigger_rename(id=a, newname='cp-c'), OK)
-        t.c.call(t.s.connprot_trigger_remove(b), OK)
+        t.call(t.s.connprot_trigger_update(a, 'a2.sh'))
+        t.call(t.s.connprot_trigger_rename(id=a, newname='cp-c'))
+        t.call(t.s.connprot_trigger_remove(b))
         self.assertEqual(Triggers(self.sim).connprots(), [])  # others see the committed set
         t.commit()
         self.assertEqual(t.connprots(), [{'id': a, 'name': 'cp-c', 'script': 'a2.sh'}])
@@ -106,7 +93,7 @@ class TriggersTest(unittest.TestCase):
     def test_refusals(self):
         h, c = Triggers(self.sim), Triggers(self.sim)  # one transaction per session
         self.assertIn('No transaction open on resource 20 (connprot_trigger)',
-                      c.c.call(c.s.connprot_trigger_add('x', 'x.sh'), ERROR).get_error())
+                      c.error(c.s.connprot_trigger_add('x', 'x.sh')))
         h.begin(HOST)
         c.begin(CONNPROT)
         dup, cp, _ = h.add_host('dup'), c.add_connprot('cp-x'), c.add_connprot('cp-y')
@@ -143,7 +130,7 @@ class TriggersTest(unittest.TestCase):
         kept = t.add_connprot('saved-kept')
         t.commit()
         t.begin(CONNPROT)
-        t.c.call(t.s.connprot_trigger_remove(kept), OK)
+        t.call(t.s.connprot_trigger_remove(kept))
         t.commit()
         before = t.connprots()
         again = Simulator('--state', self.state)
@@ -154,7 +141,3 @@ class TriggersTest(unittest.TestCase):
             self.assertGreater(u.add_connprot('saved-new'), max(gone, kept))
         finally:
             again.stop()
-
-
-if __name__ == '__main__':
-    unittest.main()

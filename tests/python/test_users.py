@@ -2,11 +2,10 @@
 import base64
 import struct
 import sys
-import unittest
 
 import TQDBv17_1 as T
 
-from simhelper import Client, Simulator
+from simhelper import Admin, SimTest
 
 DATA, OK, ERROR = T.MSG_TYPE_DATA, T.MSG_TYPE_OK, T.MSG_TYPE_ERROR
 USERS, RULESET = T.RESOURCE_USERS, T.RESOURCE_RULESET
@@ -20,22 +19,12 @@ def key(kind='ssh-ed25519', inner=None, comment=' me@host'):
     return kind + ' ' + base64.b64encode(blob).decode('ascii') + comment
 
 
-class Account(object):
-    """A logged-in client with one session."""
-
-    def __init__(self, sim, user='admin', pwd='admin'):
-        self.c = Client(sim.host, sim.port)
-        self.auth = self.c.login(user, pwd)
-        self.s = self.c.session() if self.auth is not None else None
-
-    def call(self, cid, want=OK):
-        return self.c.call(cid, want)
-
+class Account(Admin):
     def users(self):
-        return self.c.listing(self.s.user_list(), self.s.user_list_handle)
+        return self.listing('user_list')
 
     def keys(self, name):
-        return self.c.listing(self.s.user_pubkey_list(name), self.s.user_pubkey_list_handle)
+        return self.listing('user_pubkey_list', name)
 
     def add(self, name, pwd='pw', readbm=0, writebm=0, hosts=''):
         m = self.call(self.s.user_add(name, pwd, readbm, writebm, 4, 300, 2, hosts), DATA)
@@ -44,18 +33,9 @@ class Account(object):
     def auth_id(self, name, pwd, address='192.0.2.9'):
         return self.s.user_auth_handle(self.call(self.s.user_auth(name, pwd, address), DATA))
 
-    def transaction(self, resource=USERS):
-        self.call(self.s.resource_begin(resource), DATA)
 
-
-class UsersTest(unittest.TestCase):
-    @classmethod
-    def setUpClass(cls):
-        cls.sim = Simulator('--user', 'ops:secret')
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.sim.stop()
+class UsersTest(SimTest):
+    sim_args = ('--user', 'ops:secret')
 
     def test_accounts_and_logins(self):
         a = Account(self.sim)
@@ -64,10 +44,10 @@ class UsersTest(unittest.TestCase):
         self.assertEqual([order(u.keys()) for u in seeded], [order(KEYS)] * 2)
         self.assertEqual([(u['id'], u['name'], u['readbm']) for u in seeded],
                          [(1, 'admin', 0xFFFFFFFF), (2, 'ops', 0xFFFFFFFF)])
-        a.transaction()
+        a.begin(USERS)
         uid = a.add('carol', 'c-pw', readbm=1 << RULESET, hosts='10.0.0.0/8, 192.0.2.7')
         self.assertEqual(a.auth_id('carol', 'c-pw', '10.1.2.3'), 0)  # not committed yet
-        a.call(a.s.resource_commit('carol'), DATA)
+        a.commit()
         carol = [u for u in a.users() if u['name'] == 'carol'][0]
         self.assertEqual(carol, dict(zip(KEYS, [uid, 'carol', 1 << RULESET, 0, 4, 300, 2,
                                                 '10.0.0.0/8, 192.0.2.7'])))
@@ -79,11 +59,11 @@ class UsersTest(unittest.TestCase):
         self.assertIsNotNone(Account(self.sim, 'carol', 'c-pw').auth)
         self.assertIsNone(Account(self.sim, 'carol', 'wrong').auth)
         # Modify: an empty password keeps the old one; a new name and masks.
-        a.transaction()
+        a.begin(USERS)
         a.call(a.s.user_modify(uid, 'carla', '', 7, 0, 0, 0, 0, ''))
-        a.call(a.s.resource_commit('rename'), DATA)
+        a.commit()
         self.assertEqual(a.auth_id('carla', 'c-pw'), uid)
-        a.transaction()
+        a.begin(USERS)
         a.call(a.s.user_modify(_id=uid, name='carla', password='new', readbm=7, writebm=0,
                                survbm=0, timeout=0, flags=0, hosts=''))
         a.call(a.s.user_remove(uid))
@@ -93,7 +73,7 @@ class UsersTest(unittest.TestCase):
     def test_refusals(self):
         a = Account(self.sim)
         s = a.s
-        a.transaction()
+        a.begin(USERS)
         ops = [u['id'] for u in a.users() if u['name'] == 'ops'][0]
         rows = [
             (s.user_add('admin', 'x', 0, 0, 0, 0, 0, ''), "User 'admin' exists already"),
@@ -121,30 +101,29 @@ class UsersTest(unittest.TestCase):
             self.assertEqual(got, (ERROR, True) if error else (OK, None), (error, m.get_error()))
         a.call(s.resource_rollback())
         # Outside a transaction nothing changes.
-        self.assertIn('begin one first', a.c.call(s.user_remove(ops), ERROR).get_error())
+        self.assertIn('begin one first', a.error(s.user_remove(ops)))
 
     def test_public_keys(self):
         a = Account(self.sim)
         rsa, ed = key('ssh-rsa'), key('ecdsa-sha2-nistp256', comment='')
         self.assertEqual(a.keys('ops'), [])
-        a.transaction()
+        a.begin(USERS)
         a.call(a.s.user_pubkey_add('ops', rsa))
         a.call(a.s.user_pubkey_add(username='ops', pubkey=ed))
-        dup = a.c.call(a.s.user_pubkey_add('ops', rsa.replace('me@host', 'other')), ERROR)
-        self.assertEqual(dup.get_error(), "User 'ops' has this key already")
+        self.assertEqual(a.error(a.s.user_pubkey_add('ops', rsa.replace('me@host', 'other'))),
+                         "User 'ops' has this key already")
         self.assertEqual(a.keys('ops'), [rsa, ed])
         a.call(a.s.user_pubkey_remove('ops', rsa.split(' me@')[0]))  # the comment does not count
-        a.call(a.s.resource_commit('keys'), DATA)
+        a.commit()
         self.assertEqual(a.keys('ops'), [ed])
 
     def test_permissions(self):
         a = Account(self.sim)
-        a.transaction()
+        a.begin(USERS)
         a.add('reader', 'r-pw', readbm=1 << RULESET)
-        a.call(a.s.resource_commit('reader'), DATA)
+        a.commit()
         r = Account(self.sim, 'reader', 'r-pw')
-        self.assertEqual(r.c.listing(r.s.object_list(T.OBJECT_TYPE_NETOBJECT),
-                                     r.s.object_list_handle), [])
+        self.assertEqual(r.listing('object_list', T.OBJECT_TYPE_NETOBJECT), [])
         rows = [
             (r.s.user_list(), 'Permission denied: user reader may not read resource 3 (users)'),
             (r.s.resource_begin(RULESET),
@@ -155,10 +134,6 @@ class UsersTest(unittest.TestCase):
              'Permission denied: user reader may not read resource 5 (statreader)'),
         ]
         for cid, error in rows:
-            self.assertEqual(r.c.call(cid, ERROR).get_error(), error)
+            self.assertEqual(r.error(cid), error)
         # Core requests need no read bit.
-        self.assertEqual(r.c.call(r.s.ping('x'), DATA).get_type(), DATA)
-
-
-if __name__ == '__main__':
-    unittest.main()
+        r.call(r.s.ping('x'), DATA)
