@@ -13,24 +13,6 @@
 
 namespace {
 
-struct SocketPair {
-  int fd[2] = {-1, -1};
-  SocketPair() {
-    if (socketpair(AF_UNIX, SOCK_STREAM, 0, fd) != 0) __builtin_trap();
-    for (int f : fd) fcntl(f, F_SETFL, fcntl(f, F_GETFL) | O_NONBLOCK);
-  }
-  ~SocketPair() { close_peer(), ::close(fd[0]); }
-  void close_peer() {
-    if (fd[1] >= 0) ::close(fd[1]);
-    fd[1] = -1;
-  }
-  void discard_from_peer() const {
-    uint8_t buf[512];
-    while (fd[1] >= 0 && ::recv(fd[1], buf, sizeof buf, 0) > 0) {
-    }
-  }
-};
-
 // Reproducible runs: the stream keys and the initiator's key pair come from
 // a fixed byte sequence instead of the system source.
 size_t fixed_random(void *buf, size_t n) {
@@ -65,7 +47,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     tqfuzz::Reader in({data, size});
     const bool initiator = in.u8() & 1;
     const size_t slice_size = size_t{in.u8()} + 1;
-    SocketPair sp;
+    tqfuzz::SocketPair sp;
     SockGuard g;
     if (initiator)
       vindel_sock_init_initiator(&g.sock, sp.fd[0], keys.pub.get(), keys.priv.get());

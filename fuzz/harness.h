@@ -16,6 +16,10 @@
 #ifndef TQ_FUZZ_HARNESS_H
 #define TQ_FUZZ_HARNESS_H
 
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -34,6 +38,26 @@
 namespace tqfuzz {
 
 using Span = std::span<const uint8_t>;
+
+// A connected, non-blocking socket pair: fd[0] for the side under test,
+// fd[1] for the peer; both closed on every way out.
+struct SocketPair {
+  int fd[2] = {-1, -1};
+  SocketPair() {
+    if (socketpair(AF_UNIX, SOCK_STREAM, 0, fd) != 0) __builtin_trap();
+    for (int f : fd) fcntl(f, F_SETFL, fcntl(f, F_GETFL) | O_NONBLOCK);
+  }
+  ~SocketPair() { close_peer(), ::close(fd[0]); }
+  void close_peer() {
+    if (fd[1] >= 0) ::close(fd[1]);
+    fd[1] = -1;
+  }
+  void discard_from_peer() const {
+    uint8_t buf[512];
+    while (fd[1] >= 0 && ::recv(fd[1], buf, sizeof buf, 0) > 0) {
+    }
+  }
+};
 
 // Thrown by the hook on the fatal path; carries the "TQ-BUG at ..." report.
 struct DeliberateAbort {

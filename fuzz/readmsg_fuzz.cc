@@ -13,20 +13,6 @@
 
 namespace {
 
-// Both ends' descriptors, closed on every way out.
-struct SocketPair {
-  int fd[2] = {-1, -1};
-  SocketPair() {
-    if (socketpair(AF_UNIX, SOCK_STREAM, 0, fd) != 0) __builtin_trap();
-    for (int f : fd) fcntl(f, F_SETFL, fcntl(f, F_GETFL) | O_NONBLOCK);
-  }
-  ~SocketPair() { close_peer(), ::close(fd[0]); }
-  void close_peer() {
-    if (fd[1] >= 0) ::close(fd[1]);
-    fd[1] = -1;
-  }
-};
-
 constexpr uint8_t kStreamKey[VINDEL_OWNKEY] = {0x42, 0x17, 0x99};
 
 // Takes every envelope the handle has; each must be closed off properly.
@@ -42,7 +28,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   tqfuzz::install_bug_hook();
   tqfuzz::run_guarded([&] {
     tqfuzz::Reader in({data, size});
-    SocketPair sp;
+    tqfuzz::SocketPair sp;
     vindel_sock_t sock{};
     sock.fd = static_cast<uint32_t>(sp.fd[0]);
     sock.keylen = VINDEL_KEYLEN;
